@@ -1,0 +1,57 @@
+# bitmapfilter: `make demo` and `make test` are the contract; both work on a
+# fresh Debian machine.
+BUILD ?= build
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+# Debian packages the build needs.
+PACKAGES := g++ cmake make pkg-config libopenimageio-dev libtbb-dev libgtest-dev \
+            libgmock-dev libbenchmark-dev
+SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
+
+.PHONY: all deps build test demo bench sanitize tsan format clean
+
+all: build
+
+deps:
+	@missing=""; for p in $(PACKAGES); do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:$$missing"; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
+	fi
+
+$(BUILD)/CMakeCache.txt:
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+
+build: $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: deps
+	$(MAKE) build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+demo: deps
+	$(MAKE) build
+	@mkdir -p out
+	$(BUILD)/bin/bitmapfilter apply invert examples/sample.png out/sample-invert.png
+	@echo "wrote out/sample-invert.png"
+
+bench: deps
+	$(MAKE) build CMAKE_FLAGS="-DCMAKE_BUILD_TYPE=Release"
+	$(BUILD)/bench/bf_bench
+
+# The test suite under AddressSanitizer and UndefinedBehaviorSanitizer, and
+# under ThreadSanitizer.
+sanitize: deps
+	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DBF_SANITIZE=address,undefined -DBF_BENCH=OFF"
+tsan: deps
+	$(MAKE) test BUILD=build-tsan CMAKE_FLAGS="-DBF_SANITIZE=thread -DBF_BENCH=OFF"
+
+format:
+	git ls-files '*.cpp' '*.hpp' '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf build build-asan build-tsan out

@@ -1,0 +1,212 @@
+// runtime.hpp - our host: documents, the host operation tables, and the
+// module loader. The command line, the tests and (later) the editor use the
+// module only through this.
+#pragma once
+
+#include "kpx_api.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace bf {
+
+// ---- images ----------------------------------------------------------------
+
+enum class ComponentType : uint8_t { U8, U16, F32 };
+
+std::size_t ComponentSize(ComponentType type);
+uint32_t ColourModeOf(ComponentType type, int components);  // BM_INFO colour mode word
+std::string_view ComponentTypeName(ComponentType type);        // "u8", "u16", "float"
+
+struct ImageFormat {
+    int width = 0;
+    int height = 0;
+    int components = 0;  // 1 to 4, alpha included
+    ComponentType type = ComponentType::U8;
+    bool alpha = false;  // the first component of each pixel is straight alpha
+
+    std::size_t pixel_bytes() const { return ComponentSize(type) * components; }
+    std::size_t line_bytes() const { return pixel_bytes() * width; }
+    friend bool operator==(const ImageFormat&, const ImageFormat&) = default;
+};
+
+// A whole image in memory, interleaved and tightly packed, alpha first when
+// format.alpha. Used for files and tests, never handed to the module.
+struct Image {
+    ImageFormat format;
+    std::vector<std::byte> pixels;
+
+    Image() = default;
+    explicit Image(const ImageFormat& f) : format(f), pixels(f.line_bytes() * f.height) {}
+    std::byte* line(int y) { return pixels.data() + format.line_bytes() * y; }
+    const std::byte* line(int y) const { return pixels.data() + format.line_bytes() * y; }
+    template <class T>
+    T* line_as(int y) {
+        return reinterpret_cast<T*>(line(y));
+    }
+    template <class T>
+    const T* line_as(int y) const {
+        return reinterpret_cast<const T*>(line(y));
+    }
+};
+
+// ---- documents ---------------------------------------------------------------
+
+// A bitmap stored in tiles of the document's tile grid. Applying a filter
+// works on a destination layer that becomes the content only when the filter
+// succeeds; the previous content is kept as one undo step.
+class Document {
+public:
+    static constexpr int kDefaultTile = 128;
+
+    explicit Document(const Image& image, int tile_width = kDefaultTile,
+                      int tile_height = kDefaultTile);
+    ~Document();
+    Document(const Document&) = delete;
+    Document& operator=(const Document&) = delete;
+
+    const ImageFormat& format() const;
+    int tile_width() const;
+    int tile_height() const;
+
+    RECT32 area() const;              // the area filters process; the whole image by default
+    void set_area(const RECT32& area);  // clipped to the image
+
+    Image image() const;  // the current content, interleaved
+    bool can_undo() const;
+    void undo();
+
+    struct Impl;
+    Impl& impl() { return *impl_; }
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
+
+// ---- the host ----------------------------------------------------------------
+
+// Fault injection for tests: 1-based call numbers, 0 for never.
+struct Faults {
+    int64_t refuse_alloc = 0;  // the Nth HostAlloc returns null
+    int64_t refuse_tile = 0;   // the Nth ObtainTile returns null
+    int64_t break_at = 0;      // the Nth TestBreak (and every later one) answers true
+};
+
+// One host call as the module made it. Integer arguments in order; rectangles
+// as four values; strings (captions, names) in `text`.
+struct HostCall {
+    std::string name;  // "ObtainTile", "ReleaseTile", "SetProgress", ...
+    std::vector<int64_t> args;
+    std::string text;
+};
+
+struct Registration {
+    int32_t plugin_id = 0;
+    std::string name;
+    const BitmapFilterDescriptor* record = nullptr;
+};
+
+// The host side of every operation. There is one Host per process (the module
+// keeps the table pointer module-wide); Host::Get() returns it.
+class Host {
+public:
+    static Host& Get();
+
+    const KPX_HOST* table() const;
+
+    // Tests
+    void set_faults(const Faults& faults);  // also resets the call counters
+    void set_recording(bool on);
+    std::vector<HostCall> take_calls();  // the recorded calls, clearing the record
+    int64_t live_allocations() const;    // HostAlloc blocks not yet freed
+
+    // Break: Ctrl-C sets it; TestBreak answers it, and while it is set every
+    // ObtainTile is refused, so a filter without a thread stops too.
+    void request_break();
+    void clear_break();
+    bool break_requested() const;
+
+    // Progress: called with the caption and percent; none by default.
+    using ProgressSink = std::function<void(std::string_view caption, int done, int total)>;
+    void set_progress_sink(ProgressSink sink);
+    // Messages the module asked to show (critical stops).
+    using MessageSink = std::function<void(std::string_view message)>;
+    void set_message_sink(MessageSink sink);
+
+    const std::vector<Registration>& registrations() const;
+    KpxScaleFn scaler() const;  // the module's scaling routine, once offered
+
+    struct Impl;
+    Impl& impl();
+
+private:
+    Host();
+};
+
+// ---- the module --------------------------------------------------------------
+
+// A module loaded and started: dlopen, kpx_main start, the scaler message,
+// initialise (the filters register). Destroying it ends and unloads it.
+class Module {
+public:
+    // Loads the module file. On failure returns null with `error` set.
+    static std::unique_ptr<Module> Load(const std::filesystem::path& file, std::string& error);
+    // Starts a module whose entry is already in this process (tests).
+    static std::unique_ptr<Module> Attach(KpxMainFn entry, std::string& error);
+    ~Module();
+
+    KpxMainFn entry() const;
+    const std::vector<Registration>& filters() const;
+    const Registration* find(int32_t plugin_id) const;
+
+private:
+    Module() = default;
+    bool start(std::string& error);
+    void* library_ = nullptr;
+    KpxMainFn entry_ = nullptr;
+    bool started_ = false;
+};
+
+// The module file next to the running program (../modules/bitmapfilter/),
+// or $BITMAPFILTER_MODULE when set.
+std::filesystem::path DefaultModulePath();
+
+// ---- applying a filter -------------------------------------------------------
+
+// A settings record made by the filter's own callbacks; freed with FreeSettings.
+class Settings {
+public:
+    static std::optional<Settings> Defaults(const BitmapFilterDescriptor& filter);
+    static std::optional<Settings> FromBlob(const BitmapFilterDescriptor& filter,
+                                            std::span<const std::byte> blob);
+    Settings(Settings&& other) noexcept;
+    Settings& operator=(Settings&& other) noexcept;
+    ~Settings();
+
+    void* get() const { return record_; }
+    uint32_t code() const;                    // the first word
+    std::vector<std::byte> to_blob() const;  // through SettingsToBlob
+
+private:
+    Settings(const BitmapFilterDescriptor* filter, void* record) : filter_(filter), record_(record) {}
+    const BitmapFilterDescriptor* filter_ = nullptr;
+    void* record_ = nullptr;
+};
+
+// PrepareApply, Execute without dialog, FinishApply over the document's area.
+// Status 0 commits the destination layer (one undo step); any other status
+// drops it and leaves the document as it was.
+int32_t ApplyFilter(const BitmapFilterDescriptor& filter, Document& document, Settings& settings);
+
+// What a filter status means, for messages ("user break or nothing to do", ...).
+std::string_view DescribeStatus(int32_t status);
+
+}  // namespace bf

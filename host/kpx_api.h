@@ -1,0 +1,341 @@
+/*
+ * kpx_api.h - the C interface between the bitmap filter module and its host.
+ *
+ * This header is the one contract shared by the module (source/) and our host
+ * (app/runtime/). Everything crosses as plain fixed-layout records and plain C
+ * function pointers; callbacks return status codes and never throw.
+ *
+ * The host hands the module one KPX_HOST table. Its first field is the host
+ * interface version; after it come pointers to operation groups, one per
+ * role. Every group starts with its own byte size, so a group can gain
+ * operations at its end without breaking older modules, and a host may leave
+ * a whole group null when it does not offer that role. Use KPX_GROUP_HAS() to
+ * test for an operation before calling it.
+ */
+#ifndef KPX_API_H
+#define KPX_API_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------ */
+/* Versions, messages, status codes                                          */
+/* ------------------------------------------------------------------------ */
+
+#define KPX_API_VERSION 23100      /* lowest host interface version accepted */
+#define KPX_PLUGIN_TYPE_BITMAPFILTER 7
+#define KPX_FILTER_RECORD_SIZE 72
+#define KPX_PREFERENCES_ID 1000001 /* the module's shared preferences container */
+
+/* kpx_main messages */
+#define KPX_MSG_START 1
+#define KPX_MSG_INIT 2
+#define KPX_MSG_END 3
+#define KPX_MSG_QUERY 4
+#define KPX_MSG_PLUGIN 6
+
+/* kpx_main replies */
+#define KPX_REPLY_OK 1
+#define KPX_REPLY_FAILED 0
+#define KPX_REPLY_UNKNOWN (-1)
+#define KPX_REPLY_BAD_HOST (-3)
+#define KPX_REPLY_QUERY 5
+
+/* PluginMessage ids */
+#define KPX_PLUGIN_MSG_PING 0
+#define KPX_PLUGIN_MSG_SCALER 1
+
+/* Apply and callback status codes */
+#define KPX_OK 0
+#define KPX_STOPPED 1        /* break, empty area, tile not obtained, type not supported */
+#define KPX_WORKER_STOPPED 2 /* the same, from the row, two-pass and convolution workers */
+#define KPX_NOT_MINE (-1)    /* PrepareApply/FinishApply: settings are not the filter's */
+#define KPX_NO_MEMORY (-2)   /* an allocation or a fetch failed */
+/* A registered filter whose algorithm this build of the module does not hold:
+ * its CreateDefaultSettings and SettingsFromBlob return null, its other
+ * callbacks this status. */
+#define KPX_NOT_AVAILABLE (-4)
+
+/* Four-character codes of the module: the four bytes in reading order, read as
+ * a little-endian 32-bit value ("fflt" is 0x746c6666). */
+#define KPX_FOURCC(a, b, c, d)                                                             \
+    ((uint32_t)(uint8_t)(a) | ((uint32_t)(uint8_t)(b) << 8) | ((uint32_t)(uint8_t)(c) << 16) | \
+     ((uint32_t)(uint8_t)(d) << 24))
+#define KPX_BLOB_MAGIC KPX_FOURCC('f', 'f', 'l', 't')
+#define KPX_FILTER_MAGIC 0x626d6633u /* bytes "3fmb" in memory */
+
+/* ------------------------------------------------------------------------ */
+/* Image records                                                             */
+/* ------------------------------------------------------------------------ */
+
+/* Colour mode word (BM_INFO) */
+#define KPX_TYPE_MASK 0x70000000u
+#define KPX_TYPE_U8 0x30000000u
+#define KPX_TYPE_U16 0x40000000u
+#define KPX_TYPE_F32 0x50000000u
+#define KPX_MODE_COMPONENTS(mode) (((mode) >> 24) & 0xFu)
+#define KPX_MODE_BITS_PER_PIXEL(mode) (((mode) >> 8) & 0xFFu)
+
+/* Pixel flags (BM_INFO, BM_TILE) */
+#define KPX_PIXEL_ALPHA 0x100u /* every pixel starts with a straight alpha component */
+
+/* Tile format word (BM_TILE): bits 24-27 components, bits 28-30 the component
+ * type as in the colour mode, bits 0-7 bits per pixel. */
+#define KPX_TILE_COMPONENTS(format) (((format) >> 24) & 0xFu)
+#define KPX_TILE_BITS_PER_PIXEL(format) ((format)&0xFFu)
+
+/* ObtainTile access modes */
+#define KPX_ACCESS_READ 0x1u
+#define KPX_ACCESS_WRITE 0x2u
+#define KPX_ACCESS_SCRATCH 0x4u /* read and write in, never written back */
+#define KPX_ACCESS_PLAIN 0x100u
+#define KPX_ACCESS_FLAGS 0x200u /* copy the pixel flags into the tile */
+#define KPX_TILE_READ 513u
+#define KPX_TILE_WRITE 514u
+#define KPX_TILE_READWRITE 515u
+#define KPX_TILE_SCRATCH 516u
+
+/* ObtainTile `extra` word */
+#define KPX_EXTRA_WRAP 0x2u      /* pixels outside the image wrap round (else clamp) */
+#define KPX_EXTRA_READ_DEST 0x4u /* read tiles from what this application wrote so far */
+
+/* Border modes stored in settings records; passed on as `extra`. */
+#define KPX_BORDER_CLAMP 1
+#define KPX_BORDER_WRAP 2
+
+typedef struct RECT32 {
+    int32_t x1, y1, x2, y2; /* x2 and y2 exclusive */
+} RECT32;
+
+typedef struct BM_INFO {
+    uint32_t size;        /*  0: sizeof(BM_INFO), set by the host */
+    uint32_t reserved0;   /*  4 */
+    void* host;           /*  8: host-private */
+    uint32_t pixel_flags; /* 16: KPX_PIXEL_ALPHA */
+    uint32_t colour_mode; /* 20: component type, components, bits per pixel */
+    int32_t width;        /* 24: image width in pixels */
+    int32_t height;       /* 28: image height in pixels */
+    int32_t tile_width;   /* 32: tile grid width */
+    int32_t tile_height;  /* 36: tile grid height (line fetcher strip height) */
+    uint8_t reserved1[24]; /* 40: host-private */
+    RECT32 area;          /* 64: the area to process */
+} BM_INFO;
+
+typedef struct BM_TILE {
+    void* host;           /*  0: host-private */
+    int32_t width;        /*  8: pixels per line of the tile's data */
+    int32_t height;       /* 12: lines of the tile's data */
+    void* data;           /* 16: first component of the top-left pixel */
+    int32_t line_bytes;   /* 24: bytes from one line to the next */
+    uint32_t pixel_flags; /* 28: BM_INFO pixel flags when asked with 0x200, else 0 */
+    uint32_t format;      /* 32: components, type, bits per pixel */
+    RECT32 rect;          /* 36: the image area the tile covers */
+    uint32_t reserved;    /* 52 */
+} BM_TILE;
+
+/* Settings blob header; the settings record follows it byte for byte. */
+typedef struct KPX_BLOB_HEADER {
+    uint32_t magic; /* "fflt" */
+    uint32_t size;  /* 16 + size of the settings record */
+    uint64_t zero;
+} KPX_BLOB_HEADER;
+
+/* ------------------------------------------------------------------------ */
+/* Filter record                                                             */
+/* ------------------------------------------------------------------------ */
+
+typedef struct BaseThread BaseThread; /* a host thread, tested with TestBreak */
+typedef void* (*KpxBlobAllocator)(size_t size);
+
+typedef void* (*KpxCreateDefaultSettings)(void* ctx, void* container);
+typedef int32_t (*KpxFreeSettings)(void* ctx, void* settings);
+typedef void* (*KpxSettingsToBlob)(void* ctx, void* settings, KpxBlobAllocator allocate);
+typedef void* (*KpxSettingsFromBlob)(void* ctx, const void* blob);
+typedef int32_t (*KpxPrepareApply)(void* ctx, BM_INFO* info, void* settings);
+typedef int32_t (*KpxFinishApply)(void* ctx, BM_INFO* info, void* settings);
+typedef int32_t (*KpxExecute)(void* ctx, BM_INFO* info, void* settings, uint8_t show_dialog);
+
+typedef struct BitmapFilterDescriptor {
+    uint32_t magic;    /*  0: KPX_FILTER_MAGIC */
+    uint32_t reserved; /*  4 */
+    KpxCreateDefaultSettings CreateDefaultSettings; /*  8 */
+    KpxFreeSettings FreeSettings;                   /* 16 */
+    KpxSettingsToBlob SettingsToBlob;               /* 24 */
+    KpxSettingsFromBlob SettingsFromBlob;           /* 32 */
+    KpxPrepareApply PrepareApply;                   /* 40 */
+    KpxFinishApply FinishApply;                     /* 48 */
+    KpxExecute Execute;                             /* 56 */
+    uint64_t capabilities;                          /* 64 */
+} BitmapFilterDescriptor;
+
+/* ------------------------------------------------------------------------ */
+/* The scaler the module offers (PluginMessage id 1)                         */
+/* ------------------------------------------------------------------------ */
+
+/* Resamples a src_w x src_h block of interleaved pixels into dst_w x dst_h.
+ * The component type and count come from `colour_mode` (BM_INFO encoding).
+ * Reduction averages whole source boxes, enlargement repeats the nearest
+ * pixel. Returns KPX_OK, or KPX_STOPPED for an unsupported mode or size. */
+typedef int32_t (*KpxScaleFn)(uint32_t colour_mode, const void* src, int32_t src_line_bytes,
+                              int32_t src_w, int32_t src_h, void* dst, int32_t dst_line_bytes,
+                              int32_t dst_w, int32_t dst_h);
+
+typedef struct KPX_BITMAP_SERVICE {
+    uint32_t size;
+    KpxScaleFn scale; /* the slot used for scaled tile requests */
+} KPX_BITMAP_SERVICE;
+
+typedef struct KPX_SERVICE_STATE {
+    uint32_t size;
+    int32_t scaler_pending; /* the module clears it once its scaler is in place */
+} KPX_SERVICE_STATE;
+
+/* What `data` points to for PluginMessage id 1. */
+typedef struct KPX_SCALER_MESSAGE {
+    KPX_BITMAP_SERVICE* service;
+    KPX_SERVICE_STATE* state;
+} KPX_SCALER_MESSAGE;
+
+/* ------------------------------------------------------------------------ */
+/* Host operation groups                                                     */
+/* ------------------------------------------------------------------------ */
+
+typedef struct KPX_STRING KPX_STRING;             /* host string, UTF-8 inside */
+typedef struct KPX_STRINGTABLE KPX_STRINGTABLE;   /* a module's loaded string table */
+
+typedef struct KPX_SOURCE_LOCATION {
+    const char* file;
+    int32_t line;
+    int32_t reserved;
+} KPX_SOURCE_LOCATION;
+
+#define KPX_GROUP_HAS(group, field) \
+    ((group) != NULL && (group)->size >= offsetof(__typeof__(*(group)), field) + sizeof((group)->field) && \
+     (group)->field != NULL)
+
+typedef struct KPX_REGISTRY_API {
+    uint32_t size;
+    uint8_t (*RegisterFilterPlugin)(int32_t version, int32_t type, int32_t plugin_id,
+                                    const KPX_STRING* name, const BitmapFilterDescriptor* record,
+                                    int32_t record_size);
+} KPX_REGISTRY_API;
+
+typedef struct KPX_MEMORY_API {
+    uint32_t size;
+    void* (*HostAlloc)(size_t size, const KPX_SOURCE_LOCATION* where);
+    void (*HostFree)(void* block);
+    /* Runs `destructor` on the object, then frees it (HostAlloc'd). */
+    void (*HostDelete)(void* object, void (*destructor)(void* object));
+} KPX_MEMORY_API;
+
+typedef struct KPX_BITMAP_API {
+    uint32_t size;
+    BM_TILE* (*ObtainTile)(BM_INFO* info, const RECT32* rect, int32_t width, int32_t height,
+                           uint32_t mode, uint32_t extra);
+    void (*ReleaseTile)(BM_INFO* info, BM_TILE* tile, uint8_t write_back);
+    void (*NotifyBitmapChanged)(BM_INFO* info);
+    /* Copies `src` into `dst`, scaling to dst's size the way scaled tile
+     * requests are served. Returns KPX_OK or KPX_STOPPED. */
+    int32_t (*CopyScaledTile)(BM_INFO* info, const BM_TILE* src, BM_TILE* dst);
+} KPX_BITMAP_API;
+
+typedef struct KPX_PROGRESS_API {
+    uint32_t size;
+    void* (*BeginProgress)(BM_INFO* info);
+    void (*SetProgress)(BM_INFO* info, void* handle, int32_t done, int32_t total,
+                        const KPX_STRING* caption);
+    void (*EndProgress)(BM_INFO* info, void* handle);
+    uint8_t (*TestBreak)(BaseThread* thread); /* true when the user asked to stop */
+} KPX_PROGRESS_API;
+
+typedef struct KPX_STRING_API {
+    uint32_t size;
+    KPX_STRING* (*Create)(const char* utf8); /* a new string; never null for valid UTF-8 */
+    void (*Free)(KPX_STRING* string);        /* null is ignored */
+    const char* (*Utf8)(const KPX_STRING* string);
+} KPX_STRING_API;
+
+typedef struct KPX_RESOURCE_API {
+    uint32_t size;
+    /* Loads the string table from a module's resource folder; a second load of
+     * the same folder returns the same table and only counts one more use. */
+    KPX_STRINGTABLE* (*LoadStringTable)(const char* resource_folder);
+    /* A new string with that id; an empty string for an unknown id. */
+    KPX_STRING* (*GetString)(KPX_STRINGTABLE* table, int32_t id);
+    void (*ReleaseStringTable)(KPX_STRINGTABLE* table);
+} KPX_RESOURCE_API;
+
+typedef struct KPX_SYSTEM_API {
+    uint32_t size;
+    /* Hands the module's host-client object to the host with the module
+     * context given at start. */
+    void (*AttachModuleContext)(void* client, void* module_context);
+    /* A fault the module cannot go on from: prints "Stop", file and line. */
+    void (*CriticalStop)(const char* text, const char* file, int32_t line);
+} KPX_SYSTEM_API;
+
+/* Groups that later roles fill in; a host sets them to null until then. */
+typedef struct KPX_PREFS_API KPX_PREFS_API;
+typedef struct KPX_DIALOG_API KPX_DIALOG_API;
+typedef struct KPX_THREAD_API KPX_THREAD_API;
+typedef struct KPX_LOCK_API KPX_LOCK_API;
+typedef struct KPX_JOB_API KPX_JOB_API;
+
+typedef struct KPX_HOST {
+    int32_t version; /* first word: the host interface version */
+    uint32_t size;   /* sizeof(KPX_HOST) as the host built it */
+    const KPX_REGISTRY_API* registry;
+    const KPX_MEMORY_API* memory;
+    const KPX_BITMAP_API* bitmap;
+    const KPX_PROGRESS_API* progress;
+    const KPX_STRING_API* string;
+    const KPX_RESOURCE_API* resource;
+    const KPX_PREFS_API* prefs;
+    const KPX_DIALOG_API* dialog;
+    const KPX_THREAD_API* thread;
+    const KPX_LOCK_API* lock;
+    const KPX_JOB_API* job;
+    const KPX_SYSTEM_API* system;
+} KPX_HOST;
+
+/* The module's one entry point. */
+typedef int32_t (*KpxMainFn)(int32_t message, void* arg1, void* arg2, void* arg3);
+#define KPX_ENTRY_NAME "kpx_main"
+#define KPX_MODULE_IDENTIFIER "net.tavro.kpx.bitmapfilter"
+
+#ifdef __cplusplus
+} /* extern "C" */
+
+/* Layouts the two sides rely on. */
+static_assert(sizeof(RECT32) == 16);
+static_assert(offsetof(BM_INFO, pixel_flags) == 16);
+static_assert(offsetof(BM_INFO, colour_mode) == 20);
+static_assert(offsetof(BM_INFO, tile_width) == 32);
+static_assert(offsetof(BM_INFO, tile_height) == 36);
+static_assert(offsetof(BM_INFO, area) == 64);
+static_assert(sizeof(BM_INFO) == 80);
+static_assert(offsetof(BM_TILE, data) == 16);
+static_assert(offsetof(BM_TILE, line_bytes) == 24);
+static_assert(offsetof(BM_TILE, pixel_flags) == 28);
+static_assert(offsetof(BM_TILE, format) == 32);
+static_assert(offsetof(BM_TILE, rect) == 36);
+static_assert(sizeof(BM_TILE) == 56);
+static_assert(sizeof(KPX_BLOB_HEADER) == 16);
+static_assert(offsetof(BitmapFilterDescriptor, CreateDefaultSettings) == 8);
+static_assert(offsetof(BitmapFilterDescriptor, FreeSettings) == 16);
+static_assert(offsetof(BitmapFilterDescriptor, SettingsToBlob) == 24);
+static_assert(offsetof(BitmapFilterDescriptor, SettingsFromBlob) == 32);
+static_assert(offsetof(BitmapFilterDescriptor, PrepareApply) == 40);
+static_assert(offsetof(BitmapFilterDescriptor, FinishApply) == 48);
+static_assert(offsetof(BitmapFilterDescriptor, Execute) == 56);
+static_assert(offsetof(BitmapFilterDescriptor, capabilities) == 64);
+static_assert(sizeof(BitmapFilterDescriptor) == KPX_FILTER_RECORD_SIZE);
+static_assert(offsetof(KPX_HOST, version) == 0);
+static_assert(KPX_BLOB_MAGIC == 0x746c6666u);
+#endif
+
+#endif /* KPX_API_H */
