@@ -1,0 +1,242 @@
+// filterbase.hpp - what every filter shares: settings described as data, the
+// settings blob, the exception-catching callback shims that make a filter
+// record, the component-type dispatch and the line-wise apply frame.
+#pragma once
+
+#include "filtermain.hpp"
+#include "kpx_api.h"
+#include "kpx_client.hpp"
+#include "kpx_preview/linefetchutil.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <new>
+#include <span>
+#include <type_traits>
+
+namespace bfm {
+
+// ---- settings as data ----------------------------------------------------------
+
+enum class FieldType : uint8_t { U8, U32, I32, F32, F64 };
+
+// How a stored value is checked before a blob's value replaces the default.
+enum class BlobRange : uint8_t {
+    Inclusive,  // min <= value <= max
+    Exclusive,  // min < value < max
+    Any,        // taken as stored
+    NotRead,    // the default always stays
+};
+
+// One field of a settings record. Values are held as double, which represents
+// every value of the field types exactly.
+struct SettingsField {
+    uint32_t offset;
+    FieldType type;
+    double initial;  // the default
+    double min = 0;
+    double max = 0;
+    BlobRange range = BlobRange::Inclusive;
+    int32_t gadget = 0;  // the dialog gadget that edits it, 0 for none
+};
+
+constexpr std::size_t FieldWidth(FieldType type) {
+    switch (type) {
+        case FieldType::U8: return 1;
+        case FieldType::U32:
+        case FieldType::I32:
+        case FieldType::F32: return 4;
+        case FieldType::F64: return 8;
+    }
+    return 0;
+}
+
+// A filter's settings record: its code, its size and its fields. Bytes that no
+// field covers start at zero (prepared data, reserved words).
+struct SettingsLayout {
+    uint32_t code;
+    uint32_t size;
+    std::span<const SettingsField> fields;
+};
+
+// For a static_assert beside each layout: every field lies behind the code and
+// inside the record.
+constexpr bool FieldsFit(const SettingsLayout& layout) {
+    for (const SettingsField& field : layout.fields)
+        if (field.offset < sizeof(uint32_t) || field.offset + FieldWidth(field.type) > layout.size)
+            return false;
+    return true;
+}
+
+// A new record from the host with the code and every default; null when the
+// host has no memory.
+void* CreateSettings(const SettingsLayout& layout);
+int32_t FreeSettings(void* settings);
+
+// True when `settings` is a record that starts with `code`.
+bool HasCode(const void* settings, uint32_t code);
+// PrepareApply and FinishApply of a filter with nothing to prepare.
+int32_t CheckCode(const void* settings, uint32_t code);
+
+// ---- the settings blob ---------------------------------------------------------------
+
+// A blob of the full size from the host's allocator: the header, then the
+// record, or zeros when there is no record. Null when the allocator gives none.
+void* SettingsToBlob(const void* settings, uint32_t size, KpxBlobAllocator allocate);
+// True for a blob with the "fflt" header whose record starts with `code`.
+bool BlobHasCode(const void* blob, uint32_t code);
+// Overwrites each field the blob holds a valid value for.
+void RestoreFields(const SettingsLayout& layout, const void* blob, void* settings);
+// Defaults overwritten by the valid stored fields; null for a blob of another
+// filter or when the host has no memory.
+void* SettingsFromBlob(const SettingsLayout& layout, const void* blob);
+
+// ---- callback shims ---------------------------------------------------------------------
+
+// Runs a callback body; nothing it throws crosses into the host.
+template <class Body>
+int32_t GuardStatus(Body&& body) noexcept {
+    try {
+        return body();
+    } catch (...) {  // out of memory, or a fault inside: the host drops the result either way
+        return KPX_NO_MEMORY;
+    }
+}
+
+template <class Body>
+void* GuardPointer(Body&& body) noexcept {
+    try {
+        return body();
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+// A filter's seven callbacks as static functions of `Filter`, which may throw:
+//   void* CreateDefaultSettings(void* container);
+//   int32_t FreeSettings(void* settings);
+//   void* SettingsToBlob(const void* settings, KpxBlobAllocator allocate);
+//   void* SettingsFromBlob(const void* blob);
+//   int32_t PrepareApply(BM_INFO* info, void* settings);
+//   int32_t FinishApply(BM_INFO* info, void* settings);
+//   int32_t Execute(BM_INFO* info, void* settings, bool show_dialog);
+// The record's entries are noexcept shims around them; the host context
+// argument is not used.
+template <class Filter>
+constexpr BitmapFilterDescriptor MakeFilterRecord(const FilterRow& row) {
+    return BitmapFilterDescriptor{
+        .magic = KPX_FILTER_MAGIC,
+        .reserved = 0,
+        .CreateDefaultSettings =
+            [](void*, void* container) noexcept {
+                return GuardPointer([&] { return Filter::CreateDefaultSettings(container); });
+            },
+        .FreeSettings =
+            [](void*, void* settings) noexcept {
+                return GuardStatus([&] { return Filter::FreeSettings(settings); });
+            },
+        .SettingsToBlob =
+            [](void*, void* settings, KpxBlobAllocator allocate) noexcept {
+                return GuardPointer([&] { return Filter::SettingsToBlob(settings, allocate); });
+            },
+        .SettingsFromBlob =
+            [](void*, const void* blob) noexcept {
+                return GuardPointer([&] { return Filter::SettingsFromBlob(blob); });
+            },
+        .PrepareApply =
+            [](void*, BM_INFO* info, void* settings) noexcept {
+                return GuardStatus([&] { return Filter::PrepareApply(info, settings); });
+            },
+        .FinishApply =
+            [](void*, BM_INFO* info, void* settings) noexcept {
+                return GuardStatus([&] { return Filter::FinishApply(info, settings); });
+            },
+        .Execute =
+            [](void*, BM_INFO* info, void* settings, uint8_t show_dialog) noexcept {
+                return GuardStatus(
+                    [&] { return Filter::Execute(info, settings, show_dialog != 0); });
+            },
+        .capabilities = row.capabilities,
+    };
+}
+
+// ---- component types -------------------------------------------------------------------------
+
+template <class T>
+using TypeTag = std::type_identity<T>;
+
+// Calls `apply(TypeTag<T>{})` with T the image's component type (uint8_t,
+// uint16_t or float), or `otherwise()` for any other type.
+template <class Apply, class Otherwise>
+auto WithComponentType(uint32_t colour_mode, Apply&& apply, Otherwise&& otherwise) {
+    switch (kpx::ComponentTypeOf(colour_mode)) {
+        case kpx::ComponentType::U8: return apply(TypeTag<uint8_t>{});
+        case kpx::ComponentType::U16: return apply(TypeTag<uint16_t>{});
+        case kpx::ComponentType::F32: return apply(TypeTag<float>{});
+        default: return otherwise();
+    }
+}
+
+// ---- the line-wise apply frame -------------------------------------------------------------
+
+// One line of the area: the source as the line fetcher read it and the
+// destination in the tile, both starting at the area's first pixel.
+template <class T>
+struct LinePair {
+    std::span<const T> source;
+    std::span<T> dest;
+    int32_t components;  // per pixel, alpha included
+};
+
+namespace detail {
+
+// The source fetcher only reads, so its strips go back without write-back.
+struct DiscardFetcher {
+    void operator()(kpx::LineFetcher* fetcher) const { kpx::FreeLineFetcher(fetcher, 1); }
+};
+
+template <class T, class LineFn>
+int32_t WalkLines(BM_INFO* info, const BM_TILE& tile, uint32_t extra, LineFn& line) {
+    const RECT32 rect = tile.rect;
+    const int32_t components = static_cast<int32_t>(KPX_TILE_COMPONENTS(tile.format));
+    const std::size_t count = static_cast<std::size_t>(rect.x2 - rect.x1) * components;
+
+    const kpx::String caption = LoadResourceString(kProgressCaption);
+    const kpx::Progress progress(info);
+    const std::unique_ptr<kpx::LineFetcher, DiscardFetcher> fetcher(kpx::CreateLineFetcher(
+        info, rect.x1, rect.x2, extra, KPX_TILE_READ, nullptr, kpx::kFetchNotify));
+    // Nothing was done, yet the tile goes back written and the run counts as done.
+    if (!fetcher) return KPX_OK;
+
+    for (int32_t y = rect.y1; y < rect.y2; ++y) {
+        progress.set(y - rect.y1 + 1, rect.y2 - rect.y1, caption);
+        const T* source = static_cast<const T*>(kpx::FetchLine(fetcher.get(), y));
+        if (!source) return KPX_NO_MEMORY;
+        line(LinePair<T>{{source, count}, {kpx::TileLine<T>(tile, y), count}, components});
+        kpx::ReleaseLine(fetcher.get(), y);
+    }
+    return KPX_OK;
+}
+
+}  // namespace detail
+
+// Applies a per-line routine over the info's area: one destination tile for
+// the whole area, each source line read through a line fetcher that passes
+// `extra` (the border mode) to the host. `line(LinePair<T>)` is called for
+// every line, T the component type. The tile is written back only when every
+// line was done. Returns 0, 1 (type not supported) or -2 (a line could not be
+// read).
+template <class LineFn>
+int32_t ApplyLinewise(BM_INFO* info, uint32_t extra, LineFn&& line) {
+    kpx::TileLease tile(info, info->area, KPX_TILE_WRITE);
+    if (!tile) return KPX_OK;  // nothing was changed: deliberately reported as success
+    const int32_t status = WithComponentType(
+        info->colour_mode,
+        [&]<class T>(TypeTag<T>) { return detail::WalkLines<T>(info, *tile.get(), extra, line); },
+        [] { return KPX_STOPPED; });
+    tile.release(status == KPX_OK);
+    return status;
+}
+
+}  // namespace bfm

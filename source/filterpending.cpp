@@ -1,0 +1,168 @@
+// filterpending.cpp - the registered filters whose algorithms are not built
+// yet. Each keeps its registry row, so the host lists it, but answers that it
+// is not available: no settings, and KPX_NOT_AVAILABLE from every other call.
+// A filter leaves this file when its own source file defines its record and
+// registration function.
+#include "filterbase.hpp"
+
+#include <string_view>
+
+namespace bfm {
+
+namespace {
+
+struct PendingFilter {
+    static void* CreateDefaultSettings(void*) { return nullptr; }
+    static int32_t FreeSettings(void*) { return KPX_NOT_AVAILABLE; }
+    static void* SettingsToBlob(const void*, KpxBlobAllocator) { return nullptr; }
+    static void* SettingsFromBlob(const void*) { return nullptr; }
+    static int32_t PrepareApply(BM_INFO*, void*) { return KPX_NOT_AVAILABLE; }
+    static int32_t FinishApply(BM_INFO*, void*) { return KPX_NOT_AVAILABLE; }
+    static int32_t Execute(BM_INFO*, void*, bool) { return KPX_NOT_AVAILABLE; }
+};
+
+constexpr BitmapFilterDescriptor PendingRecord(std::string_view key) {
+    return MakeFilterRecord<PendingFilter>(FilterRowOf(key));
+}
+
+}  // namespace
+
+constexpr BitmapFilterDescriptor kGammaFilter = PendingRecord("gamma");
+bool RegisterGamma() {
+    return RegisterFilter(FilterRowOf("gamma"));
+}
+
+constexpr BitmapFilterDescriptor kHslFilter = PendingRecord("hsl");
+bool RegisterHsl() {
+    return RegisterFilter(FilterRowOf("hsl"));
+}
+
+constexpr BitmapFilterDescriptor kMatrixFilter = PendingRecord("matrix");
+bool RegisterMatrix() {
+    return RegisterFilter(FilterRowOf("matrix"));
+}
+
+constexpr BitmapFilterDescriptor kEmbossFilter = PendingRecord("emboss");
+bool RegisterEmboss() {
+    return RegisterFilter(FilterRowOf("emboss"));
+}
+
+constexpr BitmapFilterDescriptor kSharpenFilter = PendingRecord("sharpen");
+bool RegisterSharpen() {
+    return RegisterFilter(FilterRowOf("sharpen"));
+}
+
+constexpr BitmapFilterDescriptor kSmoothFilter = PendingRecord("smooth");
+bool RegisterSmooth() {
+    return RegisterFilter(FilterRowOf("smooth"));
+}
+
+constexpr BitmapFilterDescriptor kDeinterlaceFilter = PendingRecord("deinterlace");
+bool RegisterDeinterlace() {
+    return RegisterFilter(FilterRowOf("deinterlace"));
+}
+
+constexpr BitmapFilterDescriptor kPixelizeFilter = PendingRecord("pixelize");
+bool RegisterPixelize() {
+    return RegisterFilter(FilterRowOf("pixelize"));
+}
+
+constexpr BitmapFilterDescriptor kMotionBlurFilter = PendingRecord("motionblur");
+bool RegisterMotionBlur() {
+    return RegisterFilter(FilterRowOf("motionblur"));
+}
+
+constexpr BitmapFilterDescriptor kLensFilter = PendingRecord("lens");
+bool RegisterLens() {
+    return RegisterFilter(FilterRowOf("lens"));
+}
+
+constexpr BitmapFilterDescriptor kWhirlFilter = PendingRecord("whirl");
+bool RegisterWhirl() {
+    return RegisterFilter(FilterRowOf("whirl"));
+}
+
+constexpr BitmapFilterDescriptor kOilifyFilter = PendingRecord("oilify");
+bool RegisterOilify() {
+    return RegisterFilter(FilterRowOf("oilify"));
+}
+
+constexpr BitmapFilterDescriptor kRadialBlurFilter = PendingRecord("radialblur");
+bool RegisterRadialBlur() {
+    return RegisterFilter(FilterRowOf("radialblur"));
+}
+
+constexpr BitmapFilterDescriptor kWavesFilter = PendingRecord("waves");
+bool RegisterWaves() {
+    return RegisterFilter(FilterRowOf("waves"));
+}
+
+constexpr BitmapFilterDescriptor kGaussFilter = PendingRecord("gauss");
+bool RegisterGauss() {
+    return RegisterFilter(FilterRowOf("gauss"));
+}
+
+constexpr BitmapFilterDescriptor kNoiseFilter = PendingRecord("noise");
+bool RegisterNoise() {
+    return RegisterFilter(FilterRowOf("noise"));
+}
+
+constexpr BitmapFilterDescriptor kSpreadFilter = PendingRecord("spread");
+bool RegisterSpread() {
+    return RegisterFilter(FilterRowOf("spread"));
+}
+
+constexpr BitmapFilterDescriptor kDifferenceFilter = PendingRecord("difference");
+bool RegisterDifference() {
+    return RegisterFilter(FilterRowOf("difference"));
+}
+
+constexpr BitmapFilterDescriptor kDetailsFilter = PendingRecord("details");
+bool RegisterDetails() {
+    return RegisterFilter(FilterRowOf("details"));
+}
+
+constexpr BitmapFilterDescriptor kStructuresFilter = PendingRecord("structures");
+bool RegisterStructures() {
+    return RegisterFilter(FilterRowOf("structures"));
+}
+
+constexpr BitmapFilterDescriptor kTextureMapFilter = PendingRecord("texturemap");
+bool RegisterTextureMap() {
+    return RegisterFilter(FilterRowOf("texturemap"));
+}
+
+constexpr BitmapFilterDescriptor kDespeckleFilter = PendingRecord("despeckle");
+bool RegisterDespeckle() {
+    return RegisterFilter(FilterRowOf("despeckle"));
+}
+
+constexpr BitmapFilterDescriptor kUnsharpFilter = PendingRecord("unsharp");
+bool RegisterUnsharp() {
+    return RegisterFilter(FilterRowOf("unsharp"));
+}
+
+constexpr BitmapFilterDescriptor kTextureEmbossFilter = PendingRecord("textureemboss");
+bool RegisterTextureEmboss() {
+    return RegisterFilter(FilterRowOf("textureemboss"));
+}
+
+constexpr BitmapFilterDescriptor kIirBlurFilter = PendingRecord("iirblur");
+bool RegisterIirBlur() {
+    return RegisterFilter(FilterRowOf("iirblur"));
+}
+
+constexpr BitmapFilterDescriptor kSelectiveGaussFilter = PendingRecord("selectivegauss");
+bool RegisterSelectiveGauss() {
+    return RegisterFilter(FilterRowOf("selectivegauss"));
+}
+
+constexpr BitmapFilterDescriptor kLevelsFilter = PendingRecord("levels");
+bool RegisterLevels() {
+    return RegisterFilter(FilterRowOf("levels"));
+}
+
+constexpr BitmapFilterDescriptor kThresholdFilter = PendingRecord("threshold");
+// Threshold is registered by PluginStart itself.
+
+}  // namespace bfm

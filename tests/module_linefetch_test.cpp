@@ -1,0 +1,293 @@
+// The line and column fetchers against our host (strip caching, write-back,
+// refused resources) and the alpha premultiplication of 8-bit lines.
+#include "kpx_preview/linefetchutil.hpp"
+#include "module_support.hpp"
+#include "runtime.hpp"
+#include "support.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Calls = std::vector<std::string>;
+
+class LineFetch : public testing::Test {
+protected:
+    static void SetUpTestSuite() { bf::test::StartedModule(); }
+
+    void TearDown() override {
+        host().set_recording(false);
+        host().set_faults({});
+    }
+
+    static bf::Host& host() { return bf::Host::Get(); }
+
+    // A 32×40 picture in a grid of 16×8 tiles.
+    void Open(bf::ComponentType type = bf::ComponentType::U8, int components = 4) {
+        image_ = bf::test::RandomImage({32, 40, components, type, components == 4}, 5);
+        document_ = std::make_unique<bf::Document>(image_, 16, 8);
+        application_ = std::make_unique<bf::Application>(*document_);
+        allocations_ = host().live_allocations();
+        host().take_calls();
+        host().set_recording(true);
+    }
+    BM_INFO* info() { return application_->info(); }
+
+    // The tile traffic since the last call.
+    static Calls TileCalls() {
+        return bf::FormatCalls(host().take_calls(),
+                               {"ObtainTile", "ReleaseTile", "NotifyBitmapChanged"});
+    }
+    const std::byte* Pixel(int x, int y) const {
+        return image_.line(y) + image_.format.pixel_bytes() * x;
+    }
+    // The document after committing what the fetchers wrote back.
+    bf::Image Committed() {
+        application_->commit();
+        application_.reset();
+        return document_->image();
+    }
+    void ExpectAllGivenBack() const {
+        EXPECT_EQ(application_->live_tiles(), 0);
+        EXPECT_EQ(host().live_allocations(), allocations_);
+    }
+
+    bf::Image image_;
+    std::unique_ptr<bf::Document> document_;
+    std::unique_ptr<bf::Application> application_;
+    int64_t allocations_ = 0;
+};
+
+TEST_F(LineFetch, WalkingDownObtainsOneStripPerTileRow) {
+    Open();
+    kpx::LineFetcher* fetcher = kpx::CreateLineFetcher(info(), 4, 28, 2, KPX_TILE_READ, nullptr, 0);
+    ASSERT_NE(fetcher, nullptr);
+    for (int y = 0; y < 40; ++y) {
+        const auto* line = static_cast<const std::byte*>(kpx::FetchLine(fetcher, y));
+        ASSERT_NE(line, nullptr) << "row " << y;
+        EXPECT_EQ(std::memcmp(line, Pixel(4, y), 24 * 4), 0) << "row " << y;
+        kpx::ReleaseLine(fetcher, y);
+    }
+    kpx::FreeLineFetcher(fetcher, 0);
+    // Each idle strip goes back when the walk passes it; `extra` reaches the host.
+    EXPECT_EQ(TileCalls(), (Calls{"ObtainTile 4 0 28 8 0 0 513 2", "ReleaseTile 4 0 28 8 0",
+                                  "ObtainTile 4 8 28 16 0 0 513 2", "ReleaseTile 4 8 28 16 0",
+                                  "ObtainTile 4 16 28 24 0 0 513 2", "ReleaseTile 4 16 28 24 0",
+                                  "ObtainTile 4 24 28 32 0 0 513 2", "ReleaseTile 4 24 28 32 0",
+                                  "ObtainTile 4 32 28 40 0 0 513 2", "ReleaseTile 4 32 28 40 0"}));
+    ExpectAllGivenBack();
+}
+
+TEST_F(LineFetch, StripInUseStaysUntilItsLastRowIsReleased) {
+    Open();
+    kpx::LineFetcher* fetcher = kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_READ, nullptr, 0);
+    // Strips start at the row that missed.
+    void* first = kpx::FetchLine(fetcher, 3);
+    EXPECT_EQ(kpx::FetchLine(fetcher, 3), first);  // a hit, no second strip
+    kpx::ReleaseLine(fetcher, 3);
+    ASSERT_NE(kpx::FetchLine(fetcher, 12), nullptr);  // row 3 still held: its strip stays
+    EXPECT_EQ(TileCalls(),
+              (Calls{"ObtainTile 0 3 32 11 0 0 513 0", "ObtainTile 0 12 32 20 0 0 513 0"}));
+
+    kpx::ReleaseLine(fetcher, 3);  // now idle: moved in front and given back on the next miss
+    ASSERT_NE(kpx::FetchLine(fetcher, 25), nullptr);
+    EXPECT_EQ(TileCalls(), (Calls{"ReleaseTile 0 3 32 11 0", "ObtainTile 0 25 32 33 0 0 513 0"}));
+
+    kpx::ReleaseLine(fetcher, 40);     // not cached: ignored
+    kpx::ReleaseLine(fetcher, 12);     // idle again: moves in front of the strip of row 25
+    kpx::FreeLineFetcher(fetcher, 0);  // use counts do not matter here
+    EXPECT_EQ(TileCalls(), (Calls{"ReleaseTile 0 12 32 20 0", "ReleaseTile 0 25 32 33 0"}));
+    ExpectAllGivenBack();
+}
+
+TEST_F(LineFetch, IdleStripIsRevivedByAHit) {
+    Open();
+    kpx::LineFetcher* fetcher = kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_READ, nullptr, 0);
+    kpx::FetchLine(fetcher, 0);
+    kpx::ReleaseLine(fetcher, 0);
+    EXPECT_NE(kpx::FetchLine(fetcher, 7), nullptr);
+    kpx::FreeLineFetcher(fetcher, 0);
+    EXPECT_EQ(TileCalls(), (Calls{"ObtainTile 0 0 32 8 0 0 513 0", "ReleaseTile 0 0 32 8 0"}));
+}
+
+TEST_F(LineFetch, PresetTileServesItsOwnRowsOnly) {
+    Open();
+    kpx::TileLease tile(info(), {2, 4, 30, 12}, KPX_TILE_READ);
+    ASSERT_TRUE(tile);
+    host().take_calls();
+    kpx::LineFetcher* rows = kpx::CreateLineFetcher(info(), 2, 30, 0, KPX_TILE_READ, tile.get(), 0);
+    ASSERT_NE(rows, nullptr);
+    for (int y = 4; y < 12; ++y)
+        EXPECT_EQ(kpx::FetchLine(rows, y), kpx::TileLine<void>(*tile.get(), y)) << "row " << y;
+    EXPECT_EQ(kpx::FetchLine(rows, 3), nullptr);
+    EXPECT_EQ(kpx::FetchLine(rows, 12), nullptr);
+    kpx::FreeLineFetcher(rows, 0);
+
+    kpx::LineFetcher* columns =
+        kpx::CreateColumnFetcher(info(), 4, 12, 0, KPX_TILE_READ, tile.get(), 0);
+    int32_t stride = 0;
+    const auto* pixel = static_cast<const std::byte*>(kpx::FetchColumn(columns, 7, &stride));
+    EXPECT_EQ(pixel, static_cast<const std::byte*>(tile->data) + 5 * 4);
+    EXPECT_EQ(stride, tile->line_bytes);
+    EXPECT_EQ(kpx::FetchColumn(columns, 30, &stride), nullptr);
+    kpx::FreeColumnFetcher(columns, 0);
+
+    EXPECT_EQ(TileCalls(), Calls{});  // the host is never asked, and the tile is still ours
+    tile.release(false);
+    ExpectAllGivenBack();
+}
+
+TEST_F(LineFetch, ScratchStripIsReadWriteButNeverWrittenBack) {
+    Open();
+    kpx::LineFetcher* fetcher =
+        kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_SCRATCH, nullptr, kpx::kFetchNotify);
+    auto* line = static_cast<std::byte*>(kpx::FetchLine(fetcher, 0));
+    ASSERT_NE(line, nullptr);
+    EXPECT_EQ(std::memcmp(line, Pixel(0, 0), 32 * 4), 0);  // read in
+    std::memset(line, 0x5A, 32 * 4);
+    kpx::ReleaseLine(fetcher, 0);
+    ASSERT_NE(kpx::FetchLine(fetcher, 8), nullptr);
+    kpx::FreeLineFetcher(fetcher, 0);
+    EXPECT_EQ(TileCalls(), (Calls{"ObtainTile 0 0 32 8 0 0 515 0", "ReleaseTile 0 0 32 8 0",
+                                  "ObtainTile 0 8 32 16 0 0 515 0", "ReleaseTile 0 8 32 16 0"}));
+    EXPECT_EQ(Committed().pixels, image_.pixels);
+}
+
+TEST_F(LineFetch, WrittenStripsGoBackWithANotifyEach) {
+    Open();
+    kpx::LineFetcher* fetcher =
+        kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_READWRITE, nullptr, kpx::kFetchNotify);
+    for (int y : {0, 8}) {
+        auto* line = static_cast<std::byte*>(kpx::FetchLine(fetcher, y));
+        ASSERT_NE(line, nullptr);
+        std::memset(line, 0x5A, 32 * 4);
+        kpx::ReleaseLine(fetcher, y);
+    }
+    kpx::FreeLineFetcher(fetcher, 0);
+    EXPECT_EQ(TileCalls(), (Calls{"ObtainTile 0 0 32 8 0 0 515 0", "ReleaseTile 0 0 32 8 1",
+                                  "NotifyBitmapChanged", "ObtainTile 0 8 32 16 0 0 515 0",
+                                  "ReleaseTile 0 8 32 16 1", "NotifyBitmapChanged"}));
+    const bf::Image result = Committed();
+    for (int y : {0, 8}) EXPECT_EQ(result.line(y)[17], std::byte{0x5A}) << "row " << y;
+    EXPECT_EQ(std::memcmp(result.line(1), image_.line(1), 32 * 4), 0);
+}
+
+TEST_F(LineFetch, WriteBackWithoutNotifyFlag) {
+    Open();
+    kpx::LineFetcher* fetcher =
+        kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_WRITE, nullptr, 0);
+    ASSERT_NE(kpx::FetchLine(fetcher, 0), nullptr);
+    kpx::FreeLineFetcher(fetcher, 0);
+    EXPECT_EQ(TileCalls(), (Calls{"ObtainTile 0 0 32 8 0 0 514 0", "ReleaseTile 0 0 32 8 1"}));
+}
+
+TEST_F(LineFetch, DiscardGivesEveryStripBackUnwritten) {
+    Open();
+    kpx::LineFetcher* fetcher =
+        kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_READWRITE, nullptr, kpx::kFetchNotify);
+    for (int y : {0, 8}) std::memset(kpx::FetchLine(fetcher, y), 0x5A, 32 * 4);  // both held
+    kpx::FreeLineFetcher(fetcher, 1);
+    EXPECT_EQ(TileCalls(), (Calls{"ObtainTile 0 0 32 8 0 0 515 0", "ObtainTile 0 8 32 16 0 0 515 0",
+                                  "ReleaseTile 0 8 32 16 0", "ReleaseTile 0 0 32 8 0"}));
+    EXPECT_EQ(Committed().pixels, image_.pixels);
+}
+
+TEST_F(LineFetch, ColumnsComeFromStripsOneTileWide) {
+    Open(bf::ComponentType::U16, 3);  // 48 bits per pixel
+    kpx::LineFetcher* fetcher =
+        kpx::CreateColumnFetcher(info(), 2, 30, 1, KPX_TILE_READ, nullptr, 0);
+    int32_t stride = -1;
+    const auto* first = static_cast<const std::byte*>(kpx::FetchColumn(fetcher, 5, &stride));
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(stride, 16 * 6);
+    stride = -1;
+    const auto* column = static_cast<const std::byte*>(kpx::FetchColumn(fetcher, 9, &stride));
+    EXPECT_EQ(column, first + 4 * 6);
+    EXPECT_EQ(stride, 16 * 6);  // stored on a hit too
+    for (int y = 2; y < 30; ++y)
+        EXPECT_EQ(std::memcmp(column + (y - 2) * stride, Pixel(9, y), 6), 0) << "row " << y;
+    kpx::ReleaseColumn(fetcher, 5);
+    kpx::ReleaseColumn(fetcher, 9);
+    ASSERT_NE(kpx::FetchColumn(fetcher, 21, &stride), nullptr);
+    kpx::ReleaseColumn(fetcher, 21);
+    kpx::FreeColumnFetcher(fetcher, 0);
+    EXPECT_EQ(TileCalls(), (Calls{"ObtainTile 5 2 21 30 0 0 513 1", "ReleaseTile 5 2 21 30 0",
+                                  "ObtainTile 21 2 37 30 0 0 513 1", "ReleaseTile 21 2 37 30 0"}));
+    ExpectAllGivenBack();
+}
+
+TEST_F(LineFetch, RefusedResourcesGiveNull) {
+    Open();
+    host().set_faults({.refuse_alloc = 1});  // the fetcher record
+    EXPECT_EQ(kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_READ, nullptr, 0), nullptr);
+
+    kpx::TileLease tile(info(), {0, 0, 32, 8}, KPX_TILE_READ);
+    host().set_faults({.refuse_alloc = 2});  // the preset tile's node
+    EXPECT_EQ(kpx::CreateColumnFetcher(info(), 0, 8, 0, KPX_TILE_READ, tile.get(), 0), nullptr);
+    tile.release(false);
+    ExpectAllGivenBack();
+
+    host().set_faults({.refuse_alloc = 2});  // the first strip's node
+    kpx::LineFetcher* fetcher = kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_READ, nullptr, 0);
+    ASSERT_NE(fetcher, nullptr);
+    host().take_calls();
+    EXPECT_EQ(kpx::FetchLine(fetcher, 0), nullptr);
+    EXPECT_EQ(TileCalls(), Calls{});
+
+    host().set_faults({.refuse_tile = 1});
+    EXPECT_EQ(kpx::FetchLine(fetcher, 0), nullptr);
+    EXPECT_NE(kpx::FetchLine(fetcher, 0), nullptr);  // nothing is left behind by the refusal
+    kpx::FreeLineFetcher(fetcher, 0);
+    kpx::FreeLineFetcher(nullptr, 0);
+    ExpectAllGivenBack();
+}
+
+// ---- premultiplication -------------------------------------------------------
+
+uint8_t Premultiplied(uint8_t colour, uint8_t alpha) {
+    const int t = colour * alpha;
+    return uint8_t((t + ((t + 128) >> 8) + 129) >> 8);
+}
+
+TEST(PremultiplyLine, ScalesColourByAlpha) {
+    std::vector<uint8_t> pixels{255, 10,  200, 77,   // opaque: untouched
+                                0,   10,  200, 255,  // transparent: all colour 0
+                                128, 255, 0,   1,    // half
+                                1,   127, 126, 0,    // the bias of 129 lifts 127 × 1 to 1
+                                9,   9,   9,   9};   // not in `count`
+    kpx::PremultiplyLine(pixels.data(), 4, 4, 4);
+    EXPECT_EQ(pixels, (std::vector<uint8_t>{255, 10, 200, 77, 0, 0, 0, 0, 128, 128,
+                                            0,   1,  1,   1,  0, 0, 9, 9, 9,   9}));
+    kpx::PremultiplyLine(pixels.data() + 16, 0, 4, 4);
+    kpx::PremultiplyLine(pixels.data() + 16, -1, 4, 4);
+    EXPECT_EQ(pixels[17], 9);
+}
+
+TEST(PremultiplyLine, LongPixelsMatchTheFormulaOnBothPaths) {
+    std::mt19937 random(3);
+    // 16 colour bytes and more go 16 at a time, the rest byte by byte.
+    for (int components : {4, 16, 17, 20, 33, 40}) {
+        const int stride = components + 3;  // spare bytes between pixels stay alone
+        const int count = 50;
+        std::vector<uint8_t> pixels(std::size_t(stride) * count);
+        for (uint8_t& byte : pixels) byte = uint8_t(random());
+        pixels[0] = 255;
+        pixels[stride] = 0;
+        std::vector<uint8_t> expected = pixels;
+        for (int n = 0; n < count; ++n) {
+            uint8_t* pixel = expected.data() + n * stride;
+            if (pixel[0] == 255) continue;
+            for (int c = 1; c < components; ++c) pixel[c] = Premultiplied(pixel[c], pixel[0]);
+        }
+        kpx::PremultiplyLine(pixels.data(), count, components, stride);
+        EXPECT_EQ(pixels, expected) << components << " components";
+    }
+}
+
+}  // namespace
