@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
@@ -24,7 +26,7 @@ enum class ComponentType : uint8_t { U8, U16, F32 };
 
 std::size_t ComponentSize(ComponentType type);
 uint32_t ColourModeOf(ComponentType type, int components);  // BM_INFO colour mode word
-std::string_view ComponentTypeName(ComponentType type);        // "u8", "u16", "float"
+std::string_view ComponentTypeName(ComponentType type);     // "u8", "u16", "float"
 
 struct ImageFormat {
     int width = 0;
@@ -77,7 +79,7 @@ public:
     int tile_width() const;
     int tile_height() const;
 
-    RECT32 area() const;              // the area filters process; the whole image by default
+    RECT32 area() const;                // the area filters process; the whole image by default
     void set_area(const RECT32& area);  // clipped to the image
 
     Image image() const;  // the current content, interleaved
@@ -89,6 +91,29 @@ public:
 
 private:
     std::unique_ptr<Impl> impl_;
+};
+
+// One application on a document, without a filter: a BM_INFO over the
+// document's area whose tiles read the content as it was when the
+// application began and write to a destination layer. commit() makes the
+// destination the content (one undo step); otherwise the destruction drops
+// it. ApplyFilter uses it; tests use it to call module internals directly.
+// A document has at most one open application (a second throws).
+class Application {
+public:
+    explicit Application(Document& document);
+    ~Application();  // drops the destination unless committed
+    Application(const Application&) = delete;
+    Application& operator=(const Application&) = delete;
+
+    BM_INFO* info();
+    void commit();
+    int live_tiles() const;  // tiles obtained and not yet released
+
+    struct State;
+
+private:
+    std::unique_ptr<State> state_;
 };
 
 // ---- the host ----------------------------------------------------------------
@@ -107,6 +132,14 @@ struct HostCall {
     std::vector<int64_t> args;
     std::string text;
 };
+
+// "ObtainTile 0 0 64 64 0 0 514 0": the name, the integer arguments, then the
+// text when there is one.
+std::string FormatCall(const HostCall& call);
+// The calls formatted, keeping only those whose name is in `names` (all when
+// empty).
+std::vector<std::string> FormatCalls(const std::vector<HostCall>& calls,
+                                     std::initializer_list<std::string_view> names = {});
 
 struct Registration {
     int32_t plugin_id = 0;
@@ -127,6 +160,7 @@ public:
     void set_recording(bool on);
     std::vector<HostCall> take_calls();  // the recorded calls, clearing the record
     int64_t live_allocations() const;    // HostAlloc blocks not yet freed
+    int64_t live_strings() const;        // KPX_STRING objects not yet freed
 
     // Break: Ctrl-C sets it; TestBreak answers it, and while it is set every
     // ObtainTile is refused, so a filter without a thread stops too.
@@ -142,7 +176,8 @@ public:
     void set_message_sink(MessageSink sink);
 
     const std::vector<Registration>& registrations() const;
-    KpxScaleFn scaler() const;  // the module's scaling routine, once offered
+    KpxScaleFn scaler() const;    // the module's scaling routine, once offered
+    void* module_client() const;  // what the module attached with AttachModuleContext
 
     struct Impl;
     Impl& impl();
@@ -169,10 +204,11 @@ public:
 
 private:
     Module() = default;
-    bool start(std::string& error);
+    bool start(const std::string& name, std::string& error);
     void* library_ = nullptr;
     KpxMainFn entry_ = nullptr;
     bool started_ = false;
+    std::vector<Registration> filters_;
 };
 
 // The module file next to the running program (../modules/bitmapfilter/),
@@ -192,11 +228,12 @@ public:
     ~Settings();
 
     void* get() const { return record_; }
-    uint32_t code() const;                    // the first word
+    uint32_t code() const;                   // the first word
     std::vector<std::byte> to_blob() const;  // through SettingsToBlob
 
 private:
-    Settings(const BitmapFilterDescriptor* filter, void* record) : filter_(filter), record_(record) {}
+    Settings(const BitmapFilterDescriptor* filter, void* record)
+        : filter_(filter), record_(record) {}
     const BitmapFilterDescriptor* filter_ = nullptr;
     void* record_ = nullptr;
 };
@@ -205,6 +242,17 @@ private:
 // Status 0 commits the destination layer (one undo step); any other status
 // drops it and leaves the document as it was.
 int32_t ApplyFilter(const BitmapFilterDescriptor& filter, Document& document, Settings& settings);
+
+// The host's own resampling, the rule the module's scaler follows too: per
+// axis, reduction averages whole source boxes, enlargement repeats the
+// nearest pixel. Same signature as KpxScaleFn; CopyScaledTile and scaled tile
+// requests use it when the module has offered no scaler.
+int32_t ScaleByRule(uint32_t colour_mode, const void* src, int32_t src_line_bytes, int32_t src_w,
+                    int32_t src_h, void* dst, int32_t dst_line_bytes, int32_t dst_w, int32_t dst_h);
+
+// A resource string table ("<id> <text>" per line, \n and \\ escapes, #
+// comments), as LoadStringTable reads it.
+std::map<int32_t, std::string> ParseStringTable(std::string_view text);
 
 // What a filter status means, for messages ("user break or nothing to do", ...).
 std::string_view DescribeStatus(int32_t status);

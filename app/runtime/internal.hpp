@@ -1,0 +1,111 @@
+// internal.hpp - the runtime's private records: document storage, the state
+// of one application, and the host's process-wide state.
+#pragma once
+
+#include "runtime.hpp"
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <set>
+#include <unordered_map>
+
+// The host's string object and a module's loaded string table.
+struct KPX_STRING {
+    std::string text;
+};
+struct KPX_STRINGTABLE {
+    std::string folder;
+    std::map<int32_t, std::string> strings;
+    int uses = 0;
+};
+
+namespace bf {
+
+// The pixels of one grid tile, always a full tile_width x tile_height block
+// (edge tiles included) so addressing needs no special case.
+using TileData = std::vector<std::byte>;
+// One layer of a document: a grid tile per cell, row by row. Layers share
+// unchanged cells, so copying a layer copies pointers only.
+using Layer = std::vector<std::shared_ptr<TileData>>;
+
+struct Document::Impl {
+    ImageFormat format;
+    int tile_width = 0;
+    int tile_height = 0;
+    int columns = 0;  // grid cells across
+    int rows = 0;     // grid cells down
+    RECT32 area{};
+    Layer content;
+    Layer previous;  // the undo step, empty when there is none
+    Application::State* open = nullptr;
+
+    std::size_t cell_of(int x, int y) const {
+        return std::size_t(y / tile_height) * columns + std::size_t(x / tile_width);
+    }
+    std::size_t offset_in_cell(int x, int y) const {
+        return (std::size_t(y % tile_height) * tile_width + std::size_t(x % tile_width)) *
+               format.pixel_bytes();
+    }
+    uint32_t colour_mode() const { return ColourModeOf(format.type, format.components); }
+};
+
+// A tile handed to the module: its record and a private copy of the pixels.
+struct HostTile {
+    BM_TILE tile{};
+    std::vector<std::byte> pixels;
+    uint32_t mode = 0;
+    bool scaled = false;  // read-only: write-back is ignored
+};
+
+struct Application::State {
+    BM_INFO info{};
+    Document::Impl* document = nullptr;
+    std::mutex mutex;  // tiles may be obtained and released from several threads
+    Layer destination;
+    std::vector<bool> owned;  // destination cell already copied from the source
+    std::map<const BM_TILE*, std::unique_ptr<HostTile>> tiles;
+    bool committed = false;
+};
+
+struct Host::Impl {
+    KPX_HOST table{};
+
+    mutable std::mutex mutex;  // guards the fields below that are not atomic
+    Faults faults;
+    int64_t alloc_calls = 0;
+    int64_t tile_calls = 0;
+    int64_t break_calls = 0;
+    bool recording = false;
+    std::vector<HostCall> calls;
+    std::unordered_map<void*, std::size_t> blocks;  // live HostAlloc blocks and their sizes
+    std::set<Application::State*> applications;     // the BM_INFO host fields we accept
+    std::map<std::string, std::unique_ptr<KPX_STRINGTABLE>> string_tables;
+    std::vector<Registration> registrations;
+    ProgressSink progress_sink;
+    MessageSink message_sink;
+    void* client = nullptr;
+    void* module_context = nullptr;
+    std::atomic<bool> break_requested{false};
+    std::atomic<int64_t> live_strings{0};
+
+    KPX_BITMAP_SERVICE bitmap_service{sizeof(KPX_BITMAP_SERVICE), nullptr};
+    KPX_SERVICE_STATE service_state{sizeof(KPX_SERVICE_STATE), 1};
+
+    bool recording_on() const;
+    void record(std::string name, std::vector<int64_t> args, std::string text = {});
+    void message(std::string_view text);
+    // Counts one call of a kind and says whether the fault set for it is due.
+    bool refuse_tile();
+    Application::State* application(const BM_INFO* info);  // null unless open
+};
+
+// The tile operations of the bitmap group (document.cpp).
+BM_TILE* ObtainTileFor(Application::State& app, const RECT32& rect, int32_t width, int32_t height,
+                       uint32_t mode, uint32_t extra);
+void ReleaseTileFor(Application::State& app, BM_TILE* tile, bool write_back);
+
+// The module's scaler when it offered one, else ours.
+KpxScaleFn ActiveScaler();
+
+}  // namespace bf

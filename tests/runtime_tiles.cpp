@@ -1,0 +1,301 @@
+// Documents, the two layers of an application, and the tiles the host hands
+// out: edge fill, write-back, argument checks, scaled tiles.
+#include "support.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace bf {
+namespace {
+
+const KPX_BITMAP_API& Bitmap() {
+    return *Host::Get().table()->bitmap;
+}
+
+ImageFormat Format(int w, int h, int components = 1, ComponentType type = ComponentType::U8) {
+    return {w, h, components, type, false};
+}
+
+// An 8-bit single-component image whose pixel (x, y) is y * 16 + x, so any
+// pixel read back names its own position.
+Image Numbered(int w, int h) {
+    Image image(Format(w, h));
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) image.line_as<uint8_t>(y)[x] = uint8_t(y * 16 + x);
+    return image;
+}
+
+uint8_t At(const BM_TILE* tile, int x, int y) {
+    return static_cast<const uint8_t*>(
+        tile->data)[(y - tile->rect.y1) * tile->line_bytes + (x - tile->rect.x1)];
+}
+
+BM_TILE* Obtain(BM_INFO* info, RECT32 rect, uint32_t mode, uint32_t extra = 0, int w = 0,
+                int h = 0) {
+    return Bitmap().ObtainTile(info, &rect, w, h, mode, extra);
+}
+
+// Fills a whole tile with one value and writes it back.
+void WriteValue(BM_INFO* info, RECT32 rect, uint8_t value) {
+    BM_TILE* tile = Obtain(info, rect, KPX_TILE_WRITE);
+    ASSERT_NE(tile, nullptr);
+    for (int y = 0; y < tile->height; ++y)
+        std::memset(static_cast<uint8_t*>(tile->data) + y * tile->line_bytes, value, tile->width);
+    Bitmap().ReleaseTile(info, tile, 1);
+}
+
+TEST(Document, KeepsPixelsAcrossTileGridsAndTypes) {
+    for (ComponentType type : {ComponentType::U8, ComponentType::U16, ComponentType::F32}) {
+        const Image image = test::RandomImage({37, 29, 3, type, false}, 7);
+        for (int tile : {1, 8, 128}) {
+            Document document(image, tile, tile + 3);
+            EXPECT_EQ(document.image().pixels, image.pixels) << ComponentTypeName(type) << tile;
+        }
+    }
+}
+
+TEST(Document, InfoDescribesTheImage) {
+    Document document(test::RandomImage({10, 6, 4, ComponentType::U16, true}), 4, 2);
+    document.set_area({-5, 1, 8, 100});
+    Application app(document);
+    const BM_INFO* info = app.info();
+    EXPECT_EQ(info->colour_mode, 0x44004000u);  // u16, 4 components, 64 bits per pixel
+    EXPECT_EQ(info->pixel_flags, KPX_PIXEL_ALPHA);
+    EXPECT_EQ(info->tile_width, 4);
+    EXPECT_EQ(info->tile_height, 2);
+    EXPECT_EQ(info->area.x1, 0);  // clipped to the image
+    EXPECT_EQ(info->area.y1, 1);
+    EXPECT_EQ(info->area.x2, 8);
+    EXPECT_EQ(info->area.y2, 6);
+}
+
+TEST(Document, OneApplicationAtATime) {
+    Document document(Numbered(4, 4));
+    Application first(document);
+    EXPECT_THROW(Application second(document), std::logic_error);
+}
+
+TEST(Tiles, FormatWordAndFlags) {
+    Document document(test::RandomImage({8, 8, 2, ComponentType::F32, true}));
+    Application app(document);
+    BM_TILE* plain = Obtain(app.info(), {0, 0, 4, 3}, KPX_TILE_READ & ~KPX_ACCESS_FLAGS);
+    BM_TILE* flagged = Obtain(app.info(), {0, 0, 4, 3}, KPX_TILE_READ);
+    ASSERT_TRUE(plain && flagged);
+    EXPECT_EQ(plain->pixel_flags, 0u);
+    EXPECT_EQ(flagged->pixel_flags, KPX_PIXEL_ALPHA);
+    EXPECT_EQ(flagged->format, 0x52000040u);  // float, 2 components, 64 bits per pixel
+    EXPECT_EQ(flagged->width, 4);
+    EXPECT_EQ(flagged->height, 3);
+    EXPECT_EQ(flagged->line_bytes, 32);
+    Bitmap().ReleaseTile(app.info(), plain, 0);
+    Bitmap().ReleaseTile(app.info(), flagged, 0);
+    EXPECT_EQ(app.live_tiles(), 0);
+}
+
+TEST(Tiles, BadArgumentsGiveNull) {
+    Document document(Numbered(8, 8));
+    Application app(document);
+    BM_INFO* info = app.info();
+    EXPECT_EQ(Bitmap().ObtainTile(info, nullptr, 0, 0, KPX_TILE_READ, 0), nullptr);
+    EXPECT_EQ(Obtain(info, {2, 2, 2, 5}, KPX_TILE_READ), nullptr);  // empty
+    EXPECT_EQ(Obtain(info, {4, 2, 2, 5}, KPX_TILE_READ), nullptr);  // inverted
+    EXPECT_EQ(Obtain(info, {0, 0, 4, 4}, 0x1001), nullptr);         // unknown mode bit
+    EXPECT_EQ(Obtain(info, {0, 0, 4, 4}, KPX_TILE_READ, 0, 2, 0), nullptr);
+    EXPECT_EQ(Obtain(info, {0, 0, 4, 4}, KPX_TILE_READ, 0, -2, -2), nullptr);
+    EXPECT_EQ(Obtain(nullptr, {0, 0, 4, 4}, KPX_TILE_READ), nullptr);
+    BM_INFO stranger = *info;
+    EXPECT_EQ(Obtain(&stranger, {0, 0, 4, 4}, KPX_TILE_READ), nullptr);
+    Bitmap().ReleaseTile(info, nullptr, 1);  // ignored, no crash
+    EXPECT_EQ(app.live_tiles(), 0);
+}
+
+// Clamp repeats the nearest edge pixel; wrap takes the pixel from the
+// opposite edge. Checked on a tile that reaches past all four edges.
+TEST(Tiles, FillOutsideTheImage) {
+    const int w = 5, h = 4;
+    Document document(Numbered(w, h), 2, 3);
+    Application app(document);
+    const RECT32 rect{-3, -2, w + 4, h + 3};
+    for (uint32_t extra : {0u, KPX_EXTRA_WRAP}) {
+        BM_TILE* tile = Obtain(app.info(), rect, KPX_TILE_READ, extra);
+        ASSERT_NE(tile, nullptr);
+        for (int y = rect.y1; y < rect.y2; ++y)
+            for (int x = rect.x1; x < rect.x2; ++x) {
+                const int sx = extra ? (x + 2 * w) % w : std::clamp(x, 0, w - 1);
+                const int sy = extra ? (y + 2 * h) % h : std::clamp(y, 0, h - 1);
+                ASSERT_EQ(At(tile, x, y), sy * 16 + sx) << x << "," << y << " extra " << extra;
+            }
+        Bitmap().ReleaseTile(app.info(), tile, 0);
+    }
+}
+
+TEST(Tiles, TileEntirelyOutsideTheImage) {
+    Document document(Numbered(4, 4));
+    Application app(document);
+    BM_TILE* clamped = Obtain(app.info(), {6, -9, 8, -7}, KPX_TILE_READ);
+    BM_TILE* wrapped = Obtain(app.info(), {-7, 9, -5, 11}, KPX_TILE_READ, KPX_EXTRA_WRAP);
+    ASSERT_TRUE(clamped && wrapped);
+    EXPECT_EQ(At(clamped, 7, -8), 3);           // top-right corner pixel
+    EXPECT_EQ(At(wrapped, -7, 9), 1 * 16 + 1);  // (-7 mod 4, 9 mod 4)
+    Bitmap().ReleaseTile(app.info(), clamped, 0);
+    Bitmap().ReleaseTile(app.info(), wrapped, 0);
+}
+
+TEST(Layers, ReadsComeFromTheSourceUnlessAskedForTheDestination) {
+    Document document(Numbered(8, 8), 4, 4);
+    Application app(document);
+    WriteValue(app.info(), {2, 2, 6, 6}, 200);
+
+    BM_TILE* source = Obtain(app.info(), {0, 0, 8, 8}, KPX_TILE_READ);
+    BM_TILE* destination = Obtain(app.info(), {0, 0, 8, 8}, KPX_TILE_READ, KPX_EXTRA_READ_DEST);
+    BM_TILE* unread = Obtain(app.info(), {0, 0, 8, 8}, KPX_TILE_WRITE);
+    ASSERT_TRUE(source && destination && unread);
+    EXPECT_EQ(At(source, 3, 3), 3 * 16 + 3);
+    EXPECT_EQ(At(destination, 3, 3), 200);
+    EXPECT_EQ(At(unread, 3, 3), 200);  // a tile without the read bit shows what was written
+    EXPECT_EQ(At(destination, 1, 1), 1 * 16 + 1);  // never written: the source's value
+    EXPECT_EQ(At(destination, 6, 6), 6 * 16 + 6);
+    for (BM_TILE* t : {source, destination, unread}) Bitmap().ReleaseTile(app.info(), t, 0);
+}
+
+TEST(Layers, CommitKeepsUnwrittenPixelsAndGivesOneUndo) {
+    const Image before = Numbered(8, 8);
+    Document document(before, 4, 4);
+    {
+        Application app(document);
+        WriteValue(app.info(), {5, 1, 7, 3}, 99);
+        app.commit();
+    }
+    Image expected = before;
+    for (int y = 1; y < 3; ++y)
+        for (int x = 5; x < 7; ++x) expected.line_as<uint8_t>(y)[x] = 99;
+    EXPECT_EQ(document.image().pixels, expected.pixels);
+    ASSERT_TRUE(document.can_undo());
+    document.undo();
+    EXPECT_EQ(document.image().pixels, before.pixels);
+    EXPECT_FALSE(document.can_undo());
+}
+
+TEST(Layers, DroppedApplicationLeavesTheDocumentAsItWas) {
+    const Image before = Numbered(8, 8);
+    Document document(before, 4, 4);
+    {
+        Application app(document);
+        WriteValue(app.info(), {0, 0, 8, 8}, 7);
+        Obtain(app.info(), {0, 0, 2, 2}, KPX_TILE_WRITE);  // never released: freed with the app
+    }
+    EXPECT_EQ(document.image().pixels, before.pixels);
+    EXPECT_FALSE(document.can_undo());
+}
+
+TEST(Layers, OnlyWritableTilesReachTheDestination) {
+    const Image before = Numbered(8, 8);
+    Document document(before, 4, 4);
+    Application app(document);
+    WriteValue(app.info(), {0, 0, 4, 4}, 1);  // the one real write
+    for (uint32_t mode : {KPX_TILE_READ, KPX_TILE_SCRATCH}) {
+        BM_TILE* tile = Obtain(app.info(), {0, 0, 8, 8}, mode);
+        ASSERT_NE(tile, nullptr);
+        std::memset(tile->data, 2, std::size_t(tile->line_bytes) * tile->height);
+        Bitmap().ReleaseTile(app.info(), tile, 1);
+    }
+    BM_TILE* scaled = Obtain(app.info(), {0, 0, 8, 8}, KPX_TILE_WRITE, 0, 4, 4);
+    ASSERT_NE(scaled, nullptr);
+    std::memset(scaled->data, 3, std::size_t(scaled->line_bytes) * scaled->height);
+    Bitmap().ReleaseTile(app.info(), scaled, 1);
+    app.commit();
+    const Image after = document.image();
+    EXPECT_EQ(after.line_as<uint8_t>(0)[0], 1);
+    EXPECT_EQ(after.line_as<uint8_t>(7)[7], 7 * 16 + 7);
+}
+
+TEST(Layers, WritesOutsideTheImageAreDropped) {
+    Document document(Numbered(4, 4), 2, 2);
+    Application app(document);
+    WriteValue(app.info(), {-2, -2, 6, 6}, 50);
+    app.commit();
+    const Image after = document.image();
+    for (int y = 0; y < 4; ++y)
+        for (int x = 0; x < 4; ++x) EXPECT_EQ(after.line_as<uint8_t>(y)[x], 50);
+}
+
+// The shared rule, worked by hand: reduction averages whole boxes (integer
+// sums rounded half up once), enlargement repeats floor(j * n / N).
+TEST(ScaleRule, ReducesAndEnlargesPerAxis) {
+    const uint32_t grey8 = ColourModeOf(ComponentType::U8, 1);
+    const uint8_t row[5] = {10, 11, 20, 21, 23};
+    uint8_t reduced[2];
+    ASSERT_EQ(ScaleByRule(grey8, row, 5, 5, 1, reduced, 2, 2, 1), KPX_OK);
+    EXPECT_EQ(reduced[0], 11);  // 10, 11: 10.5 rounds up
+    EXPECT_EQ(reduced[1], 21);  // 20, 21, 23: 21.33
+
+    const uint8_t pair[2] = {4, 9};
+    uint8_t enlarged[5];
+    ASSERT_EQ(ScaleByRule(grey8, pair, 2, 2, 1, enlarged, 5, 5, 1), KPX_OK);
+    EXPECT_EQ(std::vector<uint8_t>(enlarged, enlarged + 5), (std::vector<uint8_t>{4, 4, 4, 9, 9}));
+
+    // Reduce across, enlarge down, two components kept apart.
+    const uint16_t block[2][4] = {{100, 1, 300, 3}, {500, 5, 700, 7}};
+    uint16_t mixed[3][2];
+    ASSERT_EQ(ScaleByRule(ColourModeOf(ComponentType::U16, 2), block, 8, 2, 2, mixed, 4, 1, 3),
+              KPX_OK);
+    EXPECT_EQ(mixed[0][0], 200);  // rows 0, 0, 1 of the two-pixel mean
+    EXPECT_EQ(mixed[1][0], 200);
+    EXPECT_EQ(mixed[2][0], 600);
+    EXPECT_EQ(mixed[2][1], 6);
+
+    const float values[3] = {0.1f, 0.2f, 0.4f};
+    float mean = 0;
+    ASSERT_EQ(ScaleByRule(ColourModeOf(ComponentType::F32, 1), values, 12, 3, 1, &mean, 4, 1, 1),
+              KPX_OK);
+    EXPECT_EQ(mean, float((double(0.1f) + double(0.2f) + double(0.4f)) / 3.0));
+
+    EXPECT_EQ(ScaleByRule(0x21000800u, row, 5, 5, 1, reduced, 2, 2, 1), KPX_STOPPED);
+    EXPECT_EQ(ScaleByRule(grey8, row, 5, 5, 1, reduced, 2, 0, 1), KPX_STOPPED);
+}
+
+// Scaled tiles: the rect assembled at full size (edge fill included), then
+// reduced or enlarged by the shared rule.
+TEST(ScaledTiles, FollowTheRule) {
+    const Image image = test::RandomImage(Format(13, 11, 3, ComponentType::U16), 3);
+    Document document(image, 4, 4);
+    Application app(document);
+    const RECT32 rect{-2, 1, 11, 12};  // 13 x 11, reaching past two edges
+    BM_TILE* full = Obtain(app.info(), rect, KPX_TILE_READ, KPX_EXTRA_WRAP);
+    ASSERT_NE(full, nullptr);
+    for (auto [w, h] : {std::pair{5, 4}, {26, 3}, {13, 11}, {1, 1}}) {
+        BM_TILE* scaled = Obtain(app.info(), rect, KPX_TILE_READ, KPX_EXTRA_WRAP, w, h);
+        ASSERT_NE(scaled, nullptr);
+        EXPECT_EQ(scaled->width, w);
+        EXPECT_EQ(scaled->height, h);
+        EXPECT_EQ(scaled->rect.x2, rect.x2);
+        std::vector<uint16_t> expected(std::size_t(w) * h * 3);
+        ASSERT_EQ(ScaleByRule(app.info()->colour_mode, full->data, full->line_bytes, 13, 11,
+                              expected.data(), w * 6, w, h),
+                  KPX_OK);
+        EXPECT_EQ(std::memcmp(scaled->data, expected.data(), expected.size() * 2), 0) << w;
+        Bitmap().ReleaseTile(app.info(), scaled, 0);
+    }
+    Bitmap().ReleaseTile(app.info(), full, 0);
+}
+
+TEST(ScaledTiles, CopyScaledTileScalesIntoTheGivenTile) {
+    Document document(Numbered(8, 8));
+    Application app(document);
+    BM_TILE* source = Obtain(app.info(), {0, 0, 8, 8}, KPX_TILE_READ);
+    BM_TILE* target = Obtain(app.info(), {0, 0, 3, 2}, KPX_TILE_WRITE);
+    ASSERT_TRUE(source && target);
+    ASSERT_EQ(Bitmap().CopyScaledTile(app.info(), source, target), KPX_OK);
+    // Output (1, 1) covers source columns 2..4 and rows 4..7.
+    int sum = 0;
+    for (int y = 4; y < 8; ++y)
+        for (int x = 2; x < 5; ++x) sum += y * 16 + x;
+    EXPECT_EQ(At(target, 1, 1), (sum + 6) / 12);
+    EXPECT_EQ(Bitmap().CopyScaledTile(app.info(), source, nullptr), KPX_STOPPED);
+    Bitmap().ReleaseTile(app.info(), source, 0);
+    Bitmap().ReleaseTile(app.info(), target, 0);
+}
+
+}  // namespace
+}  // namespace bf
