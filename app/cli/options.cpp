@@ -1,0 +1,226 @@
+#include "options.hpp"
+
+#include <OpenImageIO/oiioversion.h>
+
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+#include <vector>
+
+#include "errors.hpp"
+#include "filterkeys.hpp"
+
+namespace bf::cli {
+namespace {
+
+constexpr std::string_view kVersion = "0.1.0";
+constexpr int kLargestTile = 65536;
+
+[[noreturn]] void Fail(const std::string& message) {
+    throw CliError(kExitUsage, message);
+}
+
+bool ParseInt(std::string_view text, int& value) {
+    const char* end = text.data() + text.size();
+    auto [stop, error] = std::from_chars(text.data(), end, value);
+    return !text.empty() && error == std::errc() && stop == end;
+}
+
+// "a<sep>b<sep>..." into exactly `count` integers.
+bool ParseInts(std::string_view text, char separator, std::span<int> values) {
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        const std::size_t cut = i + 1 < values.size() ? text.find(separator) : text.size();
+        if (cut == std::string_view::npos || !ParseInt(text.substr(0, cut), values[i]))
+            return false;
+        text.remove_prefix(std::min(text.size(), cut + 1));
+    }
+    return true;
+}
+
+RECT32 ParseArea(std::string_view text) {
+    int v[4];
+    if (!ParseInts(text, ',', v))
+        Fail("--area wants X1,Y1,X2,Y2 (four integers), not '" + std::string(text) + "'");
+    return RECT32{v[0], v[1], v[2], v[3]};
+}
+
+TileSize ParseTile(std::string_view text) {
+    int v[2];
+    if (!ParseInts(text, 'x', v) || v[0] < 1 || v[1] < 1 || v[0] > kLargestTile ||
+        v[1] > kLargestTile)
+        Fail("--tile wants WxH with both from 1 to " + std::to_string(kLargestTile) + ", not '" +
+             std::string(text) + "'");
+    return TileSize{v[0], v[1]};
+}
+
+ComponentType ParseType(std::string_view text) {
+    for (ComponentType type : {ComponentType::U8, ComponentType::U16, ComponentType::F32})
+        if (ComponentTypeName(type) == text) return type;
+    Fail("--type wants u8, u16 or float, not '" + std::string(text) + "'");
+}
+
+bool IsFlag(std::string_view word, std::string_view long_name, std::string_view short_name = {}) {
+    return word == long_name || (!short_name.empty() && word == short_name);
+}
+
+bool IsValueOption(std::string_view name) {
+    for (std::string_view known :
+         {"--module", "--preset", "--save-preset", "--area", "--tile", "--type"})
+        if (name == known) return true;
+    return false;
+}
+
+void SetValueOption(Options& options, std::string_view name, std::string_view value) {
+    if (name == "--module")
+        options.module = value;
+    else if (name == "--preset")
+        options.preset = value;
+    else if (name == "--save-preset")
+        options.save_preset = value;
+    else if (name == "--area")
+        options.area = ParseArea(value);
+    else if (name == "--tile")
+        options.tile = ParseTile(value);
+    else
+        options.type = ParseType(value);
+}
+
+// Splits the words after the command into options (with their values) and
+// operands, and fills `options`. Options may come before or after operands.
+std::vector<std::string_view> TakeOptions(std::span<const char* const> words, Options& options) {
+    std::vector<std::string_view> operands;
+    bool options_ended = false;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        std::string_view word = words[i];
+        if (options_ended || word.size() < 2 || word[0] != '-') {
+            operands.push_back(word);
+            continue;
+        }
+        if (word == "--") {
+            options_ended = true;
+            continue;
+        }
+        if (IsFlag(word, "--quiet", "-q")) {
+            options.quiet = true;
+            continue;
+        }
+        // Options with a value: "--name value" or "--name=value".
+        const std::size_t equals = word.find('=');
+        const std::string_view name = word.substr(0, equals);
+        if (!IsValueOption(name))
+            Fail("unknown option " + std::string(name) + " (see bitmapfilter --help)");
+        std::string_view value;
+        if (equals != std::string_view::npos)
+            value = word.substr(equals + 1);
+        else if (i + 1 < words.size())
+            value = words[++i];
+        else
+            Fail("option " + std::string(name) + " needs a value");
+        SetValueOption(options, name, value);
+    }
+    return operands;
+}
+
+void CheckListOptions(const Options& options, std::span<const std::string_view> operands) {
+    if (!operands.empty()) Fail("list takes no arguments, got '" + std::string(operands[0]) + "'");
+    if (options.preset || options.save_preset || options.area || options.tile || options.type)
+        Fail("--preset, --save-preset, --area, --tile and --type belong to apply");
+}
+
+void TakeApplyOperands(Options& options, std::span<const std::string_view> operands) {
+    if (operands.size() != 3) Fail("apply wants FILTER INPUT OUTPUT (see bitmapfilter --help)");
+    options.filter = operands[0];
+    options.input = operands[1];
+    options.output = operands[2];
+}
+
+}  // namespace
+
+Options ParseOptions(std::span<const char* const> args) {
+    Options options;
+    // Help and version win wherever they appear.
+    for (std::string_view word : args) {
+        if (word == "--") break;
+        if (IsFlag(word, "--help", "-h")) return options;
+        if (IsFlag(word, "--version")) {
+            options.command = Command::Version;
+            return options;
+        }
+    }
+    std::vector<std::string_view> operands = TakeOptions(args, options);
+    if (operands.empty()) Fail("no command given (see bitmapfilter --help)");
+    const std::string_view command = operands.front();
+    operands.erase(operands.begin());
+    if (command == "list") {
+        options.command = Command::List;
+        CheckListOptions(options, operands);
+    } else if (command == "apply") {
+        options.command = Command::Apply;
+        TakeApplyOperands(options, operands);
+    } else {
+        Fail("unknown command '" + std::string(command) + "' (commands: list, apply)");
+    }
+    return options;
+}
+
+std::string UsageText() {
+    std::string keys;
+    std::string line = "   ";
+    for (const FilterKey& filter : kFilterKeys) {
+        if (line.size() + filter.key.size() + 1 > 78) {
+            keys += line + "\n";
+            line = "   ";
+        }
+        line += " " + std::string(filter.key);
+    }
+    keys += line + "\n";
+    return "usage: bitmapfilter list [--module PATH]\n"
+           "       bitmapfilter apply FILTER INPUT OUTPUT [options]\n"
+           "       bitmapfilter --help | --version\n"
+           "\n"
+           "Commands:\n"
+           "  list     one line per filter of the module, in registration order: key,\n"
+           "           plug-in id, settings code, name, and whether it is available\n"
+           "  apply    filters the image file INPUT and writes OUTPUT; FILTER is a key\n"
+           "           below or a plug-in id\n"
+           "\n"
+           "Options:\n"
+           "  --preset FILE          settings from a saved preset instead of the defaults\n"
+           "  --save-preset FILE     save the settings used as a preset\n"
+           "  --area X1,Y1,X2,Y2     filter only this area (X2 and Y2 exclusive); it must\n"
+           "                         lie inside the image; default: the whole image\n"
+           "  --tile WxH             the document's tile grid (default " +
+           std::to_string(Document::kDefaultTile) + "x" + std::to_string(Document::kDefaultTile) +
+           ")\n"
+           "  --type u8|u16|float    convert the pixels before filtering; the output keeps\n"
+           "                         that type (u8<->u16 by x257 and rounding, float as\n"
+           "                         value / maximum, float to integers clamped and rounded)\n"
+           "  --module PATH          the filter module to load (default: next to the\n"
+           "                         program, or $BITMAPFILTER_MODULE)\n"
+           "  -q, --quiet            no progress bar and no confirmation\n"
+           "  -h, --help             this text\n"
+           "  --version              the program's version\n"
+           "\n"
+           "Filters:\n" +
+           keys +
+           "\n"
+           "Files: PNG (8/16-bit), TIFF (8/16-bit, float), OpenEXR (float), JPEG (8-bit),\n"
+           "PGM/PPM/PNM (8/16-bit) and PFM (float) are written; every format the image\n"
+           "library knows is read. 1 to 4 channels; a last alpha channel stays straight\n"
+           "and is left untouched by tonal filters. Pixels keep their type: 8 and 16-bit\n"
+           "integers stay as they are; every other type (half, 32-bit integers, double)\n"
+           "is read as float. The output keeps the input's type and channels unless\n"
+           "--type; a file type that cannot hold them is an error, never a silent\n"
+           "conversion. The output is written whole or not at all.\n"
+           "\n"
+           "Ctrl-C stops the filter and writes nothing; a second Ctrl-C quits at once.\n"
+           "\n"
+           "Exit status: 0 done, 2 bad command line, file or preset, 3 the filter failed\n"
+           "or is not available, 130 interrupted.\n";
+}
+
+std::string VersionText() {
+    return "bitmapfilter " + std::string(kVersion) + " (OpenImageIO " OIIO_VERSION_STRING ")\n";
+}
+
+}  // namespace bf::cli

@@ -1,0 +1,44 @@
+// options.hpp - the command line's words, checked and parsed.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "runtime.hpp"
+
+namespace bf::cli {
+
+enum class Command { Help, Version, List, Apply };
+
+struct TileSize {
+    int width = 0;
+    int height = 0;
+};
+
+struct Options {
+    Command command = Command::Help;
+    std::filesystem::path module;  // empty: the default module
+    bool quiet = false;
+
+    // apply
+    std::string filter;
+    std::filesystem::path input;
+    std::filesystem::path output;
+    std::optional<std::filesystem::path> preset;
+    std::optional<std::filesystem::path> save_preset;
+    std::optional<RECT32> area;
+    std::optional<TileSize> tile;
+    std::optional<ComponentType> type;
+};
+
+// `args` without the program name. Throws CliError (exit status 2) for a
+// missing command, an unknown option or a malformed value.
+Options ParseOptions(std::span<const char* const> args);
+
+// The complete usage text, filter keys included.
+std::string UsageText();
+std::string VersionText();
+
+}  // namespace bf::cli
