@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
 # Debian packages the build needs.
-PACKAGES := g++ cmake make pkg-config libopenimageio-dev libtbb-dev libgtest-dev \
+PACKAGES := g++ cmake make pkg-config libopenimageio-dev openimageio-tools libtbb-dev libgtest-dev \
             libgmock-dev libbenchmark-dev
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
@@ -40,7 +40,7 @@ demo: deps
 	@echo "wrote out/sample-invert.png"
 
 bench: deps
-	$(MAKE) build CMAKE_FLAGS="-DCMAKE_BUILD_TYPE=Release"
+	$(MAKE) build
 	$(BUILD)/bench/bf_bench
 
 # The test suite under AddressSanitizer and UndefinedBehaviorSanitizer, and
