@@ -37,7 +37,6 @@ demo: deps
 	$(MAKE) build
 	@mkdir -p out
 	$(BUILD)/bin/bitmapfilter apply invert examples/sample.png out/sample-invert.png
-	@echo "wrote out/sample-invert.png"
 
 bench: deps
 	$(MAKE) build

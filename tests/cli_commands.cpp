@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <ostream>
 #include <sstream>
 
 #include "filterkeys.hpp"
@@ -205,6 +206,11 @@ std::string InvertName(const testing::TestParamInfo<InvertCase>& info) {
     const InvertCase& p = info.param;
     return std::string(p.extension + 1) + "_" + std::string(ComponentTypeName(p.type)) + "_" +
            std::to_string(p.components) + (p.alpha ? "_alpha" : "");
+}
+
+// Test output shows the case by name rather than its bytes.
+void PrintTo(const InvertCase& p, std::ostream* out) {
+    *out << InvertName(testing::TestParamInfo<InvertCase>(p, 0));
 }
 
 INSTANTIATE_TEST_SUITE_P(

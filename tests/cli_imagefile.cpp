@@ -8,6 +8,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <ostream>
 
 #include "errors.hpp"
 #include "imagefile.hpp"
@@ -62,6 +63,11 @@ std::string Name(const testing::TestParamInfo<RoundTrip>& info) {
     const RoundTrip& p = info.param;
     return std::string(p.extension + 1) + "_" + std::string(ComponentTypeName(p.type)) + "_" +
            std::to_string(p.components) + (p.alpha ? "_alpha" : "");
+}
+
+// Test output shows the case by name rather than its bytes.
+void PrintTo(const RoundTrip& p, std::ostream* out) {
+    *out << Name(testing::TestParamInfo<RoundTrip>(p, 0));
 }
 
 class ImageFileRoundTrip : public testing::TestWithParam<RoundTrip> {};
