@@ -8,6 +8,7 @@
 #include "kpx_client.hpp"
 #include "kpx_preview/linefetchutil.hpp"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -237,6 +238,72 @@ int32_t ApplyLinewise(BM_INFO* info, uint32_t extra, LineFn&& line) {
         [] { return KPX_STOPPED; });
     tile.release(status == KPX_OK);
     return status;
+}
+
+// ---- the tiled apply frame ---------------------------------------------------------------
+
+namespace detail {
+
+// Floor and ceiling of a / b for b > 0, with a >= 0 as areas are.
+constexpr int32_t GridDown(int32_t a, int32_t b) {
+    return a / b * b;
+}
+constexpr int32_t CellsUpTo(int32_t a, int32_t b) {
+    return (a + b - 1) / b;
+}
+
+template <class T, class PerTile>
+int32_t WalkTiles(BM_INFO* info, const RECT32& area, bool notify, BaseThread* thread,
+                  const kpx::String& caption, PerTile& per_tile) {
+    const int32_t w = info->tile_width;
+    const int32_t h = info->tile_height;
+    const int32_t total =
+        (CellsUpTo(area.y2, h) - area.y1 / h) * (CellsUpTo(area.x2, w) - area.x1 / w);
+    const kpx::Progress progress(info);
+    // Stays 1 when no tile is done: an empty area, or a first tile the host refused.
+    int32_t status = KPX_STOPPED;
+    int32_t index = 0;
+    for (int32_t y = GridDown(area.y1, h); y < area.y2; y += h) {
+        for (int32_t x = GridDown(area.x1, w); x < area.x2; x += w, ++index) {
+            if (thread && kpx::TestBreak(thread)) return KPX_STOPPED;
+            progress.set(index, total, caption);
+            const RECT32 cell{std::max(x, area.x1), std::max(y, area.y1), std::min(x + w, area.x2),
+                              std::min(y + h, area.y2)};
+            kpx::TileLease tile(info, cell, KPX_TILE_WRITE);
+            // A tile the host does not give is skipped; the status stays as it was.
+            if (tile) {
+                status = per_tile(TypeTag<T>{}, cell, *tile.get());
+                tile.release(status == KPX_OK);
+            }
+            if (status != KPX_OK) return status;
+            if (notify) kpx::Host().bitmap->NotifyBitmapChanged(info);
+        }
+    }
+    return status;
+}
+
+}  // namespace detail
+
+// Applies a per-tile routine over an area, one destination tile per cell of
+// the image's tile grid. `per_tile(TypeTag<T>{}, cell, tile)` filters `tile`,
+// which covers `cell`, T being the component type; a tile goes back written
+// only when its status is 0, and the walk stops at the first non-zero status
+// or when `thread` reports a break (1). With `tile` given (a preview), the
+// routine runs once on it over `area` instead. `area` null means the info's
+// area; `notify` tells the host after each tile that the bitmap changed.
+// An empty area and an unsupported component type return 1.
+template <class PerTile>
+int32_t ApplyTiled(BM_INFO* info, const RECT32* area, BM_TILE* tile, bool notify,
+                   BaseThread* thread, PerTile&& per_tile) {
+    const kpx::String caption = LoadResourceString(kProgressCaption);
+    const RECT32 work = area ? *area : info->area;
+    return WithComponentType(
+        info->colour_mode,
+        [&]<class T>(TypeTag<T> type) {
+            if (tile) return static_cast<int32_t>(per_tile(type, work, *tile));
+            return detail::WalkTiles<T>(info, work, notify, thread, caption, per_tile);
+        },
+        [] { return KPX_STOPPED; });
 }
 
 }  // namespace bfm
