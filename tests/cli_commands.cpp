@@ -22,6 +22,8 @@ extern char** environ;
 namespace bf::cli {
 namespace {
 
+using test::CaseName;
+using test::FileCase;
 using test::RandomImage;
 using test::TempDir;
 
@@ -179,17 +181,10 @@ TEST_F(Cli, HelpNamesCommandsOptionsAndFilters) {
 
 // ---- invert on every file kind ---------------------------------------------------------
 
-struct InvertCase {
-    const char* extension;
-    ComponentType type;
-    int components;
-    bool alpha;
-};
-
-class CliInvert : public Cli, public testing::WithParamInterface<InvertCase> {};
+class CliInvert : public Cli, public testing::WithParamInterface<FileCase> {};
 
 TEST_P(CliInvert, GivesTheExactComplementAndLeavesAlpha) {
-    const InvertCase& p = GetParam();
+    const FileCase& p = GetParam();
     const std::string extension = p.extension;
     const Image image = RandomImage({29, 17, p.components, p.type, p.alpha}, 3);
     const std::string in = input("in" + extension, image);
@@ -202,26 +197,15 @@ TEST_P(CliInvert, GivesTheExactComplementAndLeavesAlpha) {
     EXPECT_TRUE(out.pixels == Inverted(image, Whole(image)).pixels);
 }
 
-std::string InvertName(const testing::TestParamInfo<InvertCase>& info) {
-    const InvertCase& p = info.param;
-    return std::string(p.extension + 1) + "_" + std::string(ComponentTypeName(p.type)) + "_" +
-           std::to_string(p.components) + (p.alpha ? "_alpha" : "");
-}
-
-// Test output shows the case by name rather than its bytes.
-void PrintTo(const InvertCase& p, std::ostream* out) {
-    *out << InvertName(testing::TestParamInfo<InvertCase>(p, 0));
-}
-
 INSTANTIATE_TEST_SUITE_P(
     Files, CliInvert,
-    testing::Values(InvertCase{".tif", U8, 3, false}, InvertCase{".tif", U8, 4, true},
-                    InvertCase{".tif", U16, 1, false}, InvertCase{".tif", U16, 2, true},
-                    InvertCase{".tif", F32, 3, false}, InvertCase{".tif", F32, 4, true},
-                    InvertCase{".png", U8, 4, true}, InvertCase{".png", U16, 2, true},
-                    InvertCase{".exr", F32, 3, false}, InvertCase{".exr", F32, 4, true},
-                    InvertCase{".pfm", F32, 3, false}, InvertCase{".pgm", U16, 1, false}),
-    InvertName);
+    testing::Values(FileCase{".tif", U8, 3, false}, FileCase{".tif", U8, 4, true},
+                    FileCase{".tif", U16, 1, false}, FileCase{".tif", U16, 2, true},
+                    FileCase{".tif", F32, 3, false}, FileCase{".tif", F32, 4, true},
+                    FileCase{".png", U8, 4, true}, FileCase{".png", U16, 2, true},
+                    FileCase{".exr", F32, 3, false}, FileCase{".exr", F32, 4, true},
+                    FileCase{".pfm", F32, 3, false}, FileCase{".pgm", U16, 1, false}),
+    [](const auto& test) { return CaseName(test.param); });
 
 // ---- options that shape the run -----------------------------------------------------------
 

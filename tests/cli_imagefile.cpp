@@ -17,6 +17,8 @@
 namespace bf::cli {
 namespace {
 
+using test::CaseName;
+using test::FileCase;
 using test::RandomImage;
 using test::TempDir;
 
@@ -52,30 +54,12 @@ std::vector<T> ValuesOf(const Image& image) {
 
 // ---- round trips ---------------------------------------------------------------
 
-struct RoundTrip {
-    const char* extension;
-    ComponentType type;
-    int components;
-    bool alpha;
-};
-
-std::string Name(const testing::TestParamInfo<RoundTrip>& info) {
-    const RoundTrip& p = info.param;
-    return std::string(p.extension + 1) + "_" + std::string(ComponentTypeName(p.type)) + "_" +
-           std::to_string(p.components) + (p.alpha ? "_alpha" : "");
-}
-
-// Test output shows the case by name rather than its bytes.
-void PrintTo(const RoundTrip& p, std::ostream* out) {
-    *out << Name(testing::TestParamInfo<RoundTrip>(p, 0));
-}
-
-class ImageFileRoundTrip : public testing::TestWithParam<RoundTrip> {};
+class ImageFileRoundTrip : public testing::TestWithParam<FileCase> {};
 
 // Random alpha includes 0 and small values, so any premultiplication on the
 // way in or out would show.
 TEST_P(ImageFileRoundTrip, IsBitExact) {
-    const RoundTrip& p = GetParam();
+    const FileCase& p = GetParam();
     TempDir dir;
     const auto file = dir / (std::string("image") + p.extension);
     const Image written = RandomImage({37, 23, p.components, p.type, p.alpha}, 7);
@@ -92,23 +76,23 @@ constexpr auto F32 = ComponentType::F32;
 
 INSTANTIATE_TEST_SUITE_P(
     Formats, ImageFileRoundTrip,
-    testing::Values(RoundTrip{".png", U8, 1, false}, RoundTrip{".png", U8, 2, true},
-                    RoundTrip{".png", U8, 3, false}, RoundTrip{".png", U8, 4, true},
-                    RoundTrip{".png", U16, 1, false}, RoundTrip{".png", U16, 2, true},
-                    RoundTrip{".png", U16, 3, false}, RoundTrip{".png", U16, 4, true},
-                    RoundTrip{".tif", U8, 1, false}, RoundTrip{".tif", U8, 2, true},
-                    RoundTrip{".tif", U8, 3, false}, RoundTrip{".tif", U8, 4, true},
-                    RoundTrip{".tif", U8, 4, false}, RoundTrip{".tif", U16, 1, false},
-                    RoundTrip{".tif", U16, 2, true}, RoundTrip{".tif", U16, 3, false},
-                    RoundTrip{".tiff", U16, 4, true}, RoundTrip{".tif", F32, 1, false},
-                    RoundTrip{".tif", F32, 2, true}, RoundTrip{".tif", F32, 3, false},
-                    RoundTrip{".tif", F32, 4, true}, RoundTrip{".exr", F32, 1, false},
-                    RoundTrip{".exr", F32, 2, true}, RoundTrip{".exr", F32, 3, false},
-                    RoundTrip{".exr", F32, 4, true}, RoundTrip{".pfm", F32, 1, false},
-                    RoundTrip{".pfm", F32, 3, false}, RoundTrip{".pgm", U8, 1, false},
-                    RoundTrip{".pgm", U16, 1, false}, RoundTrip{".ppm", U8, 3, false},
-                    RoundTrip{".ppm", U16, 3, false}, RoundTrip{".pnm", U16, 1, false}),
-    Name);
+    testing::Values(FileCase{".png", U8, 1, false}, FileCase{".png", U8, 2, true},
+                    FileCase{".png", U8, 3, false}, FileCase{".png", U8, 4, true},
+                    FileCase{".png", U16, 1, false}, FileCase{".png", U16, 2, true},
+                    FileCase{".png", U16, 3, false}, FileCase{".png", U16, 4, true},
+                    FileCase{".tif", U8, 1, false}, FileCase{".tif", U8, 2, true},
+                    FileCase{".tif", U8, 3, false}, FileCase{".tif", U8, 4, true},
+                    FileCase{".tif", U8, 4, false}, FileCase{".tif", U16, 1, false},
+                    FileCase{".tif", U16, 2, true}, FileCase{".tif", U16, 3, false},
+                    FileCase{".tiff", U16, 4, true}, FileCase{".tif", F32, 1, false},
+                    FileCase{".tif", F32, 2, true}, FileCase{".tif", F32, 3, false},
+                    FileCase{".tif", F32, 4, true}, FileCase{".exr", F32, 1, false},
+                    FileCase{".exr", F32, 2, true}, FileCase{".exr", F32, 3, false},
+                    FileCase{".exr", F32, 4, true}, FileCase{".pfm", F32, 1, false},
+                    FileCase{".pfm", F32, 3, false}, FileCase{".pgm", U8, 1, false},
+                    FileCase{".pgm", U16, 1, false}, FileCase{".ppm", U8, 3, false},
+                    FileCase{".ppm", U16, 3, false}, FileCase{".pnm", U16, 1, false}),
+    [](const auto& test) { return CaseName(test.param); });
 
 TEST(ImageFile, JpegKeepsItsShapeButNotItsValues) {
     TempDir dir;

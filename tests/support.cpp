@@ -28,6 +28,11 @@ Image RandomImage(const ImageFormat& format, uint32_t seed) {
     return image;
 }
 
+std::string CaseName(const FileCase& file) {
+    return std::string(file.extension + 1) + "_" + std::string(ComponentTypeName(file.type)) + "_" +
+           std::to_string(file.components) + (file.alpha ? "_alpha" : "");
+}
+
 TempDir::TempDir() {
     std::random_device entropy;
     for (int attempt = 0; attempt < 100; ++attempt) {
