@@ -26,7 +26,7 @@ extern "C" {
 /* Versions, messages, status codes                                          */
 /* ------------------------------------------------------------------------ */
 
-#define KPX_API_VERSION 23100      /* lowest host interface version accepted */
+#define KPX_API_VERSION 23100 /* lowest host interface version accepted */
 #define KPX_PLUGIN_TYPE_BITMAPFILTER 7
 #define KPX_FILTER_RECORD_SIZE 72
 #define KPX_PREFERENCES_ID 1000001 /* the module's shared preferences container */
@@ -62,7 +62,7 @@ extern "C" {
 
 /* Four-character codes of the module: the four bytes in reading order, read as
  * a little-endian 32-bit value ("fflt" is 0x746c6666). */
-#define KPX_FOURCC(a, b, c, d)                                                             \
+#define KPX_FOURCC(a, b, c, d)                                                                 \
     ((uint32_t)(uint8_t)(a) | ((uint32_t)(uint8_t)(b) << 8) | ((uint32_t)(uint8_t)(c) << 16) | \
      ((uint32_t)(uint8_t)(d) << 24))
 #define KPX_BLOB_MAGIC KPX_FOURCC('f', 'f', 'l', 't')
@@ -112,17 +112,17 @@ typedef struct RECT32 {
 } RECT32;
 
 typedef struct BM_INFO {
-    uint32_t size;        /*  0: sizeof(BM_INFO), set by the host */
-    uint32_t reserved0;   /*  4 */
-    void* host;           /*  8: host-private */
-    uint32_t pixel_flags; /* 16: KPX_PIXEL_ALPHA */
-    uint32_t colour_mode; /* 20: component type, components, bits per pixel */
-    int32_t width;        /* 24: image width in pixels */
-    int32_t height;       /* 28: image height in pixels */
-    int32_t tile_width;   /* 32: tile grid width */
-    int32_t tile_height;  /* 36: tile grid height (line fetcher strip height) */
+    uint32_t size;         /*  0: sizeof(BM_INFO), set by the host */
+    uint32_t reserved0;    /*  4 */
+    void* host;            /*  8: host-private */
+    uint32_t pixel_flags;  /* 16: KPX_PIXEL_ALPHA */
+    uint32_t colour_mode;  /* 20: component type, components, bits per pixel */
+    int32_t width;         /* 24: image width in pixels */
+    int32_t height;        /* 28: image height in pixels */
+    int32_t tile_width;    /* 32: tile grid width */
+    int32_t tile_height;   /* 36: tile grid height (line fetcher strip height) */
     uint8_t reserved1[24]; /* 40: host-private */
-    RECT32 area;          /* 64: the area to process */
+    RECT32 area;           /* 64: the area to process */
 } BM_INFO;
 
 typedef struct BM_TILE {
@@ -160,8 +160,8 @@ typedef int32_t (*KpxFinishApply)(void* ctx, BM_INFO* info, void* settings);
 typedef int32_t (*KpxExecute)(void* ctx, BM_INFO* info, void* settings, uint8_t show_dialog);
 
 typedef struct BitmapFilterDescriptor {
-    uint32_t magic;    /*  0: KPX_FILTER_MAGIC */
-    uint32_t reserved; /*  4 */
+    uint32_t magic;                                 /*  0: KPX_FILTER_MAGIC */
+    uint32_t reserved;                              /*  4 */
     KpxCreateDefaultSettings CreateDefaultSettings; /*  8 */
     KpxFreeSettings FreeSettings;                   /* 16 */
     KpxSettingsToBlob SettingsToBlob;               /* 24 */
@@ -204,8 +204,8 @@ typedef struct KPX_SCALER_MESSAGE {
 /* Host operation groups                                                     */
 /* ------------------------------------------------------------------------ */
 
-typedef struct KPX_STRING KPX_STRING;             /* host string, UTF-8 inside */
-typedef struct KPX_STRINGTABLE KPX_STRINGTABLE;   /* a module's loaded string table */
+typedef struct KPX_STRING KPX_STRING;           /* host string, UTF-8 inside */
+typedef struct KPX_STRINGTABLE KPX_STRINGTABLE; /* a module's loaded string table */
 
 typedef struct KPX_SOURCE_LOCATION {
     const char* file;
@@ -213,8 +213,9 @@ typedef struct KPX_SOURCE_LOCATION {
     int32_t reserved;
 } KPX_SOURCE_LOCATION;
 
-#define KPX_GROUP_HAS(group, field) \
-    ((group) != NULL && (group)->size >= offsetof(__typeof__(*(group)), field) + sizeof((group)->field) && \
+#define KPX_GROUP_HAS(group, field)                                                     \
+    ((group) != NULL &&                                                                 \
+     (group)->size >= offsetof(__typeof__(*(group)), field) + sizeof((group)->field) && \
      (group)->field != NULL)
 
 typedef struct KPX_REGISTRY_API {
@@ -278,11 +279,138 @@ typedef struct KPX_SYSTEM_API {
     void (*CriticalStop)(const char* text, const char* file, int32_t line);
 } KPX_SYSTEM_API;
 
+/* ---- settings containers and preferences ---- */
+
+/* A keyed container of typed values (booleans, integers, reals). The host's
+ * per-plugin preferences are such containers; a host may also hand one to
+ * CreateDefaultSettings. */
+typedef struct KPX_CONTAINER KPX_CONTAINER;
+
+typedef struct KPX_PREFS_API {
+    uint32_t size;
+    KPX_CONTAINER* (*ContainerCreate)(void);
+    void (*ContainerFree)(KPX_CONTAINER* container); /* null is ignored */
+    /* Getters answer `fallback` when the key is absent or of another type. */
+    uint8_t (*GetBool)(const KPX_CONTAINER* container, int32_t key, uint8_t fallback);
+    int32_t (*GetInt)(const KPX_CONTAINER* container, int32_t key, int32_t fallback);
+    double (*GetReal)(const KPX_CONTAINER* container, int32_t key, double fallback);
+    void (*SetBool)(KPX_CONTAINER* container, int32_t key, uint8_t value);
+    void (*SetInt)(KPX_CONTAINER* container, int32_t key, int32_t value);
+    void (*SetReal)(KPX_CONTAINER* container, int32_t key, double value);
+    /* A fresh copy of the preferences stored under `id` (empty when none);
+     * the caller frees it. Null only when the host has no memory. */
+    KPX_CONTAINER* (*GetPluginPreferences)(int32_t id);
+    /* Stores a copy of `container` under `id`. */
+    uint8_t (*SetPluginPreferences)(int32_t id, const KPX_CONTAINER* container);
+} KPX_PREFS_API;
+
+/* ---- dialogs and user areas ---- */
+
+/* Real-number formats of dialog fields: multi-character constants whose first
+ * letter is the most significant byte. */
+#define KPX_FORMAT_REAL 0x66726561u    /* "frea": a plain number */
+#define KPX_FORMAT_PERCENT 0x66706374u /* "fpct": shows value x 100 with % */
+#define KPX_FORMAT_DEGREE 0x66646772u  /* "fdgr": holds radians, shows degrees */
+
+typedef struct KPX_DIALOG KPX_DIALOG;     /* a host dialog */
+typedef struct KPX_USERAREA KPX_USERAREA; /* a host user area attached to a gadget */
+
+/* What the module's dialog object answers; `self` is handed back on every
+ * call. Each returns true when it handled the call. */
+typedef struct KPX_DIALOG_CALLBACKS {
+    uint32_t size;
+    void* self;
+    uint8_t (*CreateLayout)(void* self);
+    uint8_t (*InitValues)(void* self);
+    uint8_t (*Command)(void* self, int32_t gadget);
+} KPX_DIALOG_CALLBACKS;
+
+/* What the module's user area object answers. The host calls Draw when the
+ * area needs drawing (after a redraw request, or when shown). */
+typedef struct KPX_USERAREA_CALLBACKS {
+    uint32_t size;
+    void* self;
+    void (*Draw)(void* self, int32_t width, int32_t height);
+} KPX_USERAREA_CALLBACKS;
+
+typedef struct KPX_DIALOG_API {
+    uint32_t size;
+    KPX_DIALOG* (*Create)(const KPX_DIALOG_CALLBACKS* callbacks);
+    void (*Free)(KPX_DIALOG* dialog); /* null is ignored */
+    /* Opens the dialog modally at (x, y), -1 for the host's choice, and runs
+     * it on the calling thread: CreateLayout, InitValues, then Command for
+     * each change of a gadget. True when the user confirmed. */
+    uint8_t (*OpenModal)(KPX_DIALOG* dialog, int32_t x, int32_t y);
+    /* Builds the dialog from the layout with that id in the module's resource
+     * folder (the folder its string table came from). */
+    uint8_t (*LoadLayout)(KPX_DIALOG* dialog, KPX_STRINGTABLE* resources, int32_t layout_id);
+
+    /* Gadget values. A set also gives the range and step (and for reals the
+     * format); the host clamps what the user enters to that range. */
+    uint8_t (*SetReal)(KPX_DIALOG* dialog, int32_t gadget, double value, double min, double max,
+                       double step, uint32_t format);
+    uint8_t (*SetInt)(KPX_DIALOG* dialog, int32_t gadget, int32_t value, int32_t min, int32_t max,
+                      int32_t step);
+    uint8_t (*SetBool)(KPX_DIALOG* dialog, int32_t gadget, uint8_t value);
+    uint8_t (*GetReal)(KPX_DIALOG* dialog, int32_t gadget, double* value);
+    uint8_t (*GetInt)(KPX_DIALOG* dialog, int32_t gadget, int32_t* value);
+    uint8_t (*GetBool)(KPX_DIALOG* dialog, int32_t gadget, uint8_t* value);
+
+    /* Groups whose gadgets the module makes at run time: flush removes the
+     * group's gadgets, AddRealField appends one, GroupChanged ends a rebuild. */
+    uint8_t (*GroupFlush)(KPX_DIALOG* dialog, int32_t group);
+    uint8_t (*AddRealField)(KPX_DIALOG* dialog, int32_t group, int32_t gadget);
+    uint8_t (*GroupChanged)(KPX_DIALOG* dialog, int32_t group);
+
+    /* User areas: attach one to a user-area gadget of the layout. */
+    KPX_USERAREA* (*AttachUserArea)(KPX_DIALOG* dialog, int32_t gadget,
+                                    const KPX_USERAREA_CALLBACKS* callbacks);
+    /* Asks the host to call Draw soon, on the dialog's thread. */
+    void (*Redraw)(KPX_USERAREA* area);
+    /* Inside Draw: shows the pixels of `tile` (the image's component type and
+     * format) scaled to fit the area. */
+    void (*DrawTile)(KPX_USERAREA* area, const BM_INFO* info, const BM_TILE* tile);
+
+    /* A bitmap for previews: a copy of `image`'s area, scaled down to fit
+     * max_width x max_height (never enlarged), that filters read and write
+     * like any image; with `view` set, the bitmap the host shows as its own
+     * image view instead (full size; its changes are shown, never kept).
+     * Writes to it never reach the document. Null when the host has none. */
+    BM_INFO* (*CreatePreviewBitmap)(const BM_INFO* image, int32_t max_width, int32_t max_height,
+                                    uint8_t view);
+    void (*FreePreviewBitmap)(BM_INFO* bitmap); /* null is ignored */
+} KPX_DIALOG_API;
+
+/* ---- threads ---- */
+
+typedef void (*KpxThreadMain)(void* self, BaseThread* thread);
+
+typedef struct KPX_THREAD_API {
+    uint32_t size;
+    BaseThread* (*Create)(KpxThreadMain main, void* self, const char* name);
+    void (*Free)(BaseThread* thread);     /* ends and waits first; null is ignored */
+    uint8_t (*Start)(BaseThread* thread); /* runs main(self, thread) on a new thread */
+    /* Asks the thread to stop (TestBreak answers true on it) and, with wait,
+     * waits until its main has returned. */
+    void (*End)(BaseThread* thread, uint8_t wait);
+    uint8_t (*IsRunning)(BaseThread* thread);
+    /* The status call made around a stop: 3 before ending, 2 after. */
+    void (*SetStatus)(BaseThread* thread, int32_t status);
+} KPX_THREAD_API;
+
+/* ---- locks ---- */
+
+typedef struct KPX_LOCK KPX_LOCK;
+
+typedef struct KPX_LOCK_API {
+    uint32_t size;
+    KPX_LOCK* (*Create)(void);
+    void (*Free)(KPX_LOCK* lock);    /* null is ignored */
+    uint8_t (*Lock)(KPX_LOCK* lock); /* false when the host refuses */
+    void (*Unlock)(KPX_LOCK* lock);
+} KPX_LOCK_API;
+
 /* Groups that later roles fill in; a host sets them to null until then. */
-typedef struct KPX_PREFS_API KPX_PREFS_API;
-typedef struct KPX_DIALOG_API KPX_DIALOG_API;
-typedef struct KPX_THREAD_API KPX_THREAD_API;
-typedef struct KPX_LOCK_API KPX_LOCK_API;
 typedef struct KPX_JOB_API KPX_JOB_API;
 
 typedef struct KPX_HOST {

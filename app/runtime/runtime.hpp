@@ -257,4 +257,50 @@ std::map<int32_t, std::string> ParseStringTable(std::string_view text);
 // What a filter status means, for messages ("user break or nothing to do", ...).
 std::string_view DescribeStatus(int32_t status);
 
+// ---- dialogs -------------------------------------------------------------------
+
+// A gadget of a filter's dialog as the module set it up (after InitValues).
+struct GadgetInfo {
+    int32_t id = 0;
+    std::string name;  // short and stable: "gamma", "curved_contrast", "preview"
+    std::string kind;  // "real", "integer", "percent", "degree", "check", "choice",
+                       // "group", "userarea"
+    std::string label;
+    std::vector<std::string> choices;   // the labels of a choice
+    bool has_value = false;             // false for groups and user areas
+    double value = 0;                   // as the gadget holds it (radians, fractions)
+    double min = 0, max = 0, step = 0;  // as the module set them
+    uint32_t format = 0;                // KPX_FORMAT_* for real fields
+};
+
+// One change to make in a dialog: the gadget by name or numeric id, and the
+// value as a person would type it: degrees for degree fields, percent for
+// percent fields, 0 or 1 for check boxes, an index for choices, plain numbers
+// otherwise. Out-of-range values are clamped as the field would clamp them.
+struct GadgetChange {
+    std::string gadget;
+    std::string value;
+};
+
+struct DialogScript {
+    std::vector<GadgetChange> changes;  // made in order, each followed by the module's Command
+    bool confirm = true;                // else cancel
+};
+
+// Runs the filter's dialog headlessly (Execute with the dialog flag) on the
+// settings, over the document: the script's changes, then confirm or cancel.
+// Returns Execute's result (0 confirmed, 1 cancelled, or a status). `gadgets`,
+// when given, receives the dialog's gadgets as they stood when it closed.
+// Throws std::invalid_argument for an unknown gadget or a value that is not a
+// number.
+int32_t RunDialog(const BitmapFilterDescriptor& filter, Document& document, Settings& settings,
+                  const DialogScript& script, std::vector<GadgetInfo>* gadgets = nullptr);
+
+// The module's shared preferences (container 1000001): key 5 border mode 2,
+// key 6 preview shown. In memory unless a file is set, then loaded from and
+// saved to it.
+void SetPreferencesFile(const std::filesystem::path& file);
+bool GetPreference(int32_t container, int32_t key, bool fallback);
+void SetPreference(int32_t container, int32_t key, bool value);
+
 }  // namespace bf
