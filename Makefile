@@ -6,7 +6,7 @@ CMAKE_FLAGS ?=
 
 # Debian packages the build needs.
 PACKAGES := g++ cmake make pkg-config libopenimageio-dev openimageio-tools libtbb-dev libgtest-dev \
-            libgmock-dev libbenchmark-dev
+            libgmock-dev libbenchmark-dev nlohmann-json3-dev fonts-dejavu-core
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: all deps build test demo bench sanitize tsan format clean

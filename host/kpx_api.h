@@ -365,7 +365,9 @@ typedef struct KPX_DIALOG_API {
     /* User areas: attach one to a user-area gadget of the layout. */
     KPX_USERAREA* (*AttachUserArea)(KPX_DIALOG* dialog, int32_t gadget,
                                     const KPX_USERAREA_CALLBACKS* callbacks);
-    /* Asks the host to call Draw soon, on the dialog's thread. */
+    /* Asks the host to call Draw soon, on the dialog's thread. May be called
+     * from any thread (a finished preview thread asks for its result to be
+     * drawn). */
     void (*Redraw)(KPX_USERAREA* area);
     /* Inside Draw: shows the pixels of `tile` (the image's component type and
      * format) scaled to fit the area. */
