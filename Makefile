@@ -47,7 +47,8 @@ bench: deps
 sanitize: deps
 	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DBF_SANITIZE=address,undefined -DBF_BENCH=OFF"
 tsan: deps
-	$(MAKE) test BUILD=build-tsan CMAKE_FLAGS="-DBF_SANITIZE=thread -DBF_BENCH=OFF"
+	TSAN_OPTIONS="suppressions=$(CURDIR)/tests/tsan.supp halt_on_error=1" \
+	  $(MAKE) test BUILD=build-tsan CMAKE_FLAGS="-DBF_SANITIZE=thread -DBF_BENCH=OFF"
 
 format:
 	git ls-files '*.cpp' '*.hpp' '*.h' | xargs clang-format -i
