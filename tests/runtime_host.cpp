@@ -42,10 +42,10 @@ TEST_F(HostTest, TableOffersTheStartedGroupsOnly) {
     EXPECT_GE(t.version, KPX_API_VERSION);
     EXPECT_TRUE(KPX_GROUP_HAS(t.bitmap, CopyScaledTile));
     EXPECT_TRUE(KPX_GROUP_HAS(t.system, CriticalStop));
-    EXPECT_EQ(t.prefs, nullptr);
-    EXPECT_EQ(t.dialog, nullptr);
-    EXPECT_EQ(t.thread, nullptr);
-    EXPECT_EQ(t.lock, nullptr);
+    EXPECT_TRUE(KPX_GROUP_HAS(t.prefs, SetPluginPreferences));
+    EXPECT_TRUE(KPX_GROUP_HAS(t.dialog, FreePreviewBitmap));
+    EXPECT_TRUE(KPX_GROUP_HAS(t.thread, SetStatus));
+    EXPECT_TRUE(KPX_GROUP_HAS(t.lock, Unlock));
     EXPECT_EQ(t.job, nullptr);
 }
 

@@ -303,7 +303,7 @@ TEST_F(RealModuleTest, RegistersEveryFilterWithAName) {
 }
 
 TEST_F(RealModuleTest, PendingFiltersAnswerNotAvailable) {
-    EXPECT_FALSE(Settings::Defaults(Filter(1000552)));  // Gamma, not built yet
+    EXPECT_FALSE(Settings::Defaults(Filter(1000579)));  // Levels, not built yet
 }
 
 TEST_F(RealModuleTest, InvertAppliesAndCommits) {

@@ -8,12 +8,12 @@
 
 namespace bf {
 
-namespace {
-
 // The context handed to the callbacks; the module ignores it.
 void* CallbackContext() {
     return &Host::Get().impl();
 }
+
+namespace {
 
 void* AllocateBlob(std::size_t size) {
     return std::malloc(size);

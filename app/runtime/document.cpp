@@ -196,6 +196,34 @@ int Application::live_tiles() const {
     return int(state_->tiles.size());
 }
 
+// ---- a dialog's view ---------------------------------------------------------
+
+DocumentView::DocumentView(Document& document) {
+    Document::Impl& doc = document.impl();
+    state_.document = &doc;
+    state_.destination = doc.content;  // never written: reads of it see the content
+    state_.owned.assign(doc.content.size(), false);
+    state_.read_only = true;
+    state_.info.size = sizeof(BM_INFO);
+    state_.info.host = &state_;
+    state_.info.pixel_flags = doc.format.alpha ? KPX_PIXEL_ALPHA : 0;
+    state_.info.colour_mode = doc.colour_mode();
+    state_.info.width = doc.format.width;
+    state_.info.height = doc.format.height;
+    state_.info.tile_width = doc.tile_width;
+    state_.info.tile_height = doc.tile_height;
+    state_.info.area = doc.area;
+    Host::Impl& host = Host::Get().impl();
+    std::lock_guard lock(host.mutex);
+    host.applications.insert(&state_);
+}
+
+DocumentView::~DocumentView() {
+    Host::Impl& host = Host::Get().impl();
+    std::lock_guard lock(host.mutex);
+    host.applications.erase(&state_);
+}
+
 // ---- tiles -------------------------------------------------------------------
 
 static int Clamp(int v, int n) {
@@ -238,6 +266,7 @@ BM_TILE* ObtainTileFor(Application::State& app, const RECT32& rect, int32_t widt
     const Document::Impl& doc = *app.document;
     if (Empty(rect) || !ValidMode(mode) || width < 0 || height < 0 || (width == 0) != (height == 0))
         return nullptr;
+    if (app.read_only && (mode & KPX_ACCESS_WRITE) && !(mode & KPX_ACCESS_SCRATCH)) return nullptr;
     const int64_t rect_w = int64_t(rect.x2) - rect.x1, rect_h = int64_t(rect.y2) - rect.y1;
     const bool scaled = width != 0 && (width != rect_w || height != rect_h);
     const int64_t out_w = scaled ? width : rect_w, out_h = scaled ? height : rect_h;

@@ -1,5 +1,6 @@
 // host.cpp - the host side of the operation tables: registry, memory, tiles,
-// progress and break, strings, resources, system; plus recording and fault
+// progress and break, strings, resources, system (preferences, dialogs,
+// threads and locks have their own files); plus recording and fault
 // injection for the tests. Every entry point here is called by the module
 // through a C function pointer, so none of them lets an exception out.
 #include "internal.hpp"
@@ -180,13 +181,18 @@ void EndProgress(BM_INFO*, void*) noexcept {
     State().record("EndProgress", {});
 }
 
-uint8_t TestBreak(BaseThread*) noexcept {
+// True when the user asked to stop, or, for a host thread, once End was
+// called on it.
+uint8_t TestBreak(BaseThread* thread) noexcept {
     Host::Impl& h = State();
     h.record("TestBreak", {});
-    std::lock_guard lock(h.mutex);
-    ++h.break_calls;
-    const bool injected = h.faults.break_at && h.break_calls >= h.faults.break_at;
-    return injected || h.break_requested;
+    bool injected = false;
+    {
+        std::lock_guard lock(h.mutex);
+        ++h.break_calls;
+        injected = h.faults.break_at && h.break_calls >= h.faults.break_at;
+    }
+    return injected || h.break_requested || (thread && ThreadEndRequested(thread));
 }
 
 // ---- strings ----
@@ -250,12 +256,16 @@ KPX_STRINGTABLE* LoadStringTable(const char* folder) noexcept {
     }
 }
 
+}  // namespace
+
 // Whether `table` is one of the loaded tables (caller holds the lock).
-bool LiveTable(const Host::Impl& h, const KPX_STRINGTABLE* table) {
+static bool LiveTable(const Host::Impl& h, const KPX_STRINGTABLE* table) {
     for (const auto& [folder, loaded] : h.string_tables)
         if (loaded.get() == table) return true;
     return false;
 }
+
+namespace {
 
 KPX_STRING* GetString(KPX_STRINGTABLE* table, int32_t id) noexcept {
     Host::Impl& h = State();
@@ -363,6 +373,17 @@ bool Host::Impl::refuse_tile() {
     return faults.refuse_tile && tile_calls == faults.refuse_tile;
 }
 
+bool Host::Impl::refuse_lock() {
+    std::lock_guard lock(mutex);
+    ++lock_calls;
+    return faults.refuse_lock && lock_calls == faults.refuse_lock;
+}
+
+std::string Host::Impl::resource_folder(const KPX_STRINGTABLE* resources) {
+    std::lock_guard lock(mutex);
+    return resources && LiveTable(*this, resources) ? resources->folder : std::string();
+}
+
 Application::State* Host::Impl::application(const BM_INFO* info) {
     if (!info) return nullptr;
     std::lock_guard lock(mutex);
@@ -397,6 +418,10 @@ Host::Impl& Host::impl() {
         i->table.progress = &kProgress;
         i->table.string = &kString;
         i->table.resource = &kResource;
+        i->table.prefs = &kPrefsApi;
+        i->table.dialog = &kDialogApi;
+        i->table.thread = &kThreadApi;
+        i->table.lock = &kLockApi;
         i->table.system = &kSystem;
         return i;
     }();
@@ -410,7 +435,7 @@ const KPX_HOST* Host::table() const {
 void Host::set_faults(const Faults& faults) {
     std::lock_guard lock(impl().mutex);
     impl().faults = faults;
-    impl().alloc_calls = impl().tile_calls = impl().break_calls = 0;
+    impl().alloc_calls = impl().tile_calls = impl().break_calls = impl().lock_calls = 0;
 }
 
 void Host::set_recording(bool on) {
@@ -431,6 +456,10 @@ int64_t Host::live_allocations() const {
 
 int64_t Host::live_strings() const {
     return const_cast<Host*>(this)->impl().live_strings;
+}
+
+int64_t Host::live_objects() const {
+    return const_cast<Host*>(this)->impl().live_objects;
 }
 
 void Host::request_break() {

@@ -5,10 +5,12 @@
 #include "runtime.hpp"
 
 #include <atomic>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <set>
 #include <unordered_map>
+#include <variant>
 
 // The host's string object and a module's loaded string table.
 struct KPX_STRING {
@@ -18,6 +20,11 @@ struct KPX_STRINGTABLE {
     std::string folder;
     std::map<int32_t, std::string> strings;
     int uses = 0;
+};
+
+// A keyed container of typed values.
+struct KPX_CONTAINER {
+    std::map<int32_t, std::variant<bool, int32_t, double>> values;
 };
 
 namespace bf {
@@ -66,6 +73,22 @@ struct Application::State {
     std::vector<bool> owned;  // destination cell already copied from the source
     std::map<const BM_TILE*, std::unique_ptr<HostTile>> tiles;
     bool committed = false;
+    bool read_only = false;  // a dialog's view of a document: writing tiles are refused
+};
+
+// A dialog's BM_INFO over a document: tiles read the content, tiles for
+// writing are refused, so nothing a dialog does can reach the document. It
+// does not count as the document's open application.
+class DocumentView {
+public:
+    explicit DocumentView(Document& document);
+    ~DocumentView();
+    DocumentView(const DocumentView&) = delete;
+    DocumentView& operator=(const DocumentView&) = delete;
+    BM_INFO* info() { return &state_.info; }
+
+private:
+    Application::State state_;
 };
 
 struct Host::Impl {
@@ -76,6 +99,7 @@ struct Host::Impl {
     int64_t alloc_calls = 0;
     int64_t tile_calls = 0;
     int64_t break_calls = 0;
+    int64_t lock_calls = 0;
     bool recording = false;
     std::vector<HostCall> calls;
     std::unordered_map<void*, std::size_t> blocks;  // live HostAlloc blocks and their sizes
@@ -88,6 +112,7 @@ struct Host::Impl {
     void* module_context = nullptr;
     std::atomic<bool> break_requested{false};
     std::atomic<int64_t> live_strings{0};
+    std::atomic<int64_t> live_objects{0};  // containers, dialogs, threads, locks, bitmaps
 
     KPX_BITMAP_SERVICE bitmap_service{sizeof(KPX_BITMAP_SERVICE), nullptr};
     KPX_SERVICE_STATE service_state{sizeof(KPX_SERVICE_STATE), 1};
@@ -97,6 +122,9 @@ struct Host::Impl {
     void message(std::string_view text);
     // Counts one call of a kind and says whether the fault set for it is due.
     bool refuse_tile();
+    bool refuse_lock();
+    // The folder a loaded string table came from; empty when it is not loaded.
+    std::string resource_folder(const KPX_STRINGTABLE* resources);
     Application::State* application(const BM_INFO* info);  // null unless open
 };
 
@@ -107,5 +135,55 @@ void ReleaseTileFor(Application::State& app, BM_TILE* tile, bool write_back);
 
 // The module's scaler when it offered one, else ours.
 KpxScaleFn ActiveScaler();
+
+// The context handed to the filter callbacks.
+void* CallbackContext();
+
+// The groups defined in their own files.
+extern const KPX_PREFS_API kPrefsApi;    // prefs.cpp
+extern const KPX_THREAD_API kThreadApi;  // threads.cpp
+extern const KPX_LOCK_API kLockApi;      // threads.cpp
+extern const KPX_DIALOG_API kDialogApi;  // dialog.cpp
+
+// Whether End was called on a live host thread since its last Start.
+bool ThreadEndRequested(BaseThread* thread);
+
+// Wakes a dialog waiting for its previews: a host thread ended, or a redraw
+// was asked for. `running` counts the host threads between Start and the end
+// of their main.
+struct Activity {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int running = 0;
+};
+Activity& HostActivity();
+
+// ---- dialog layouts (layout.cpp) ----
+
+// A gadget in a dialog: what the layout said, and what the module set.
+struct DialogGadget {
+    enum class Holds : uint8_t { Nothing, Real, Int, Bool };
+    GadgetInfo info;  // kind as the layout says; refined by Kind()
+    Holds holds = Holds::Nothing;
+    int32_t group = 0;                  // run-time gadgets: the group they were added to
+    int32_t width = 256, height = 256;  // user areas: the size handed to Draw
+
+    std::string Kind() const;  // "percent" and "degree" follow the module's real format
+};
+
+struct DialogLayout {
+    int32_t id = 0;
+    std::string title;
+    std::vector<DialogGadget> gadgets;
+};
+
+// Reads <folder>/dialogs/<id>.json. Throws std::runtime_error saying what is wrong.
+DialogLayout ReadLayout(const std::filesystem::path& folder, int32_t id);
+
+// The value a person typed for a gadget, as the gadget holds it: degrees
+// become radians and percent a fraction for real fields of those formats,
+// check boxes 0 or 1, choices an index (or a choice's label); clamped to the
+// range the module set. Throws std::invalid_argument.
+double ParseTypedValue(const DialogGadget& gadget, std::string_view text);
 
 }  // namespace bf

@@ -123,6 +123,7 @@ struct Faults {
     int64_t refuse_alloc = 0;  // the Nth HostAlloc returns null
     int64_t refuse_tile = 0;   // the Nth ObtainTile returns null
     int64_t break_at = 0;      // the Nth TestBreak (and every later one) answers true
+    int64_t refuse_lock = 0;   // the Nth Lock is refused
 };
 
 // One host call as the module made it. Integer arguments in order; rectangles
@@ -161,6 +162,8 @@ public:
     std::vector<HostCall> take_calls();  // the recorded calls, clearing the record
     int64_t live_allocations() const;    // HostAlloc blocks not yet freed
     int64_t live_strings() const;        // KPX_STRING objects not yet freed
+    // Containers, dialogs, threads, locks and preview bitmaps not yet freed.
+    int64_t live_objects() const;
 
     // Break: Ctrl-C sets it; TestBreak answers it, and while it is set every
     // ObtainTile is refused, so a filter without a thread stops too.
@@ -271,6 +274,7 @@ struct GadgetInfo {
     double value = 0;                   // as the gadget holds it (radians, fractions)
     double min = 0, max = 0, step = 0;  // as the module set them
     uint32_t format = 0;                // KPX_FORMAT_* for real fields
+    std::optional<Image> drawn;         // user areas: the last tile drawn in it
 };
 
 // One change to make in a dialog: the gadget by name or numeric id, and the
@@ -285,6 +289,16 @@ struct GadgetChange {
 struct DialogScript {
     std::vector<GadgetChange> changes;  // made in order, each followed by the module's Command
     bool confirm = true;                // else cancel
+    // After InitValues and after each change, wait until the host threads the
+    // module started have ended, drawing what they asked to redraw; when false,
+    // only the redraws already asked for are drawn.
+    bool wait_for_previews = true;
+    // False for a host with no image view of its own (the command line): the
+    // module's image-view preview then has no bitmap to filter and does not run.
+    bool image_view = true;
+    // Called after each change once its redraws were drawn, with the gadgets
+    // as they stand then.
+    std::function<void(const std::vector<GadgetInfo>&)> observer;
 };
 
 // Runs the filter's dialog headlessly (Execute with the dialog flag) on the
@@ -292,14 +306,19 @@ struct DialogScript {
 // Returns Execute's result (0 confirmed, 1 cancelled, or a status). `gadgets`,
 // when given, receives the dialog's gadgets as they stood when it closed.
 // Throws std::invalid_argument for an unknown gadget or a value that is not a
-// number.
+// number, std::runtime_error when the module could not build its dialog.
 int32_t RunDialog(const BitmapFilterDescriptor& filter, Document& document, Settings& settings,
                   const DialogScript& script, std::vector<GadgetInfo>* gadgets = nullptr);
 
 // The module's shared preferences (container 1000001): key 5 border mode 2,
 // key 6 preview shown. In memory unless a file is set, then loaded from and
-// saved to it.
+// saved to it. Setting a file replaces what the store held with the file's
+// content (nothing when it does not exist yet); an empty path goes back to an
+// empty store in memory.
 void SetPreferencesFile(const std::filesystem::path& file);
+// $XDG_CONFIG_HOME/bitmapfilter/preferences.json, else
+// ~/.config/bitmapfilter/preferences.json.
+std::filesystem::path DefaultPreferencesFile();
 bool GetPreference(int32_t container, int32_t key, bool fallback);
 void SetPreference(int32_t container, int32_t key, bool value);
 
