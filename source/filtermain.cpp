@@ -92,6 +92,10 @@ void FreeResources() {
     kpx::Host().resource->ReleaseStringTable(std::exchange(g_string_table, nullptr));
 }
 
+KPX_STRINGTABLE* ResourceTable() {
+    return g_string_table;
+}
+
 kpx::String LoadResourceString(int32_t id) {
     if (!g_string_table) return kpx::String("");
     return kpx::String(kpx::Host().resource->GetString(g_string_table, id));

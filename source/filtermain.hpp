@@ -38,6 +38,9 @@ bool InitResources();
 void FreeResources();
 // The module string with that id; the empty string before resources are loaded.
 kpx::String LoadResourceString(int32_t id);
+// The loaded string table, which also names the folder dialog layouts come
+// from; null before resources are loaded.
+KPX_STRINGTABLE* ResourceTable();
 
 constexpr int32_t kProgressCaption = 10000;  // the caption every apply shows with its progress
 
