@@ -306,4 +306,33 @@ int32_t ApplyTiled(BM_INFO* info, const RECT32* area, BM_TILE* tile, bool notify
         [] { return KPX_STOPPED; });
 }
 
+// Every pixel of `cell`: `pixel(in, out)` with the pixel's first component in
+// the source tile and in the destination tile.
+template <class T, class PixelFn>
+void ForEachPixel(const BM_TILE& source, BM_TILE& dest, const RECT32& cell, PixelFn&& pixel) {
+    const int32_t n = static_cast<int32_t>(KPX_TILE_COMPONENTS(dest.format));
+    for (int32_t y = cell.y1; y < cell.y2; ++y) {
+        const T* in = kpx::TileLine<const T>(source, y) + (cell.x1 - source.rect.x1) * n;
+        T* out = kpx::TileLine<T>(dest, y) + (cell.x1 - dest.rect.x1) * n;
+        for (int32_t x = cell.x1; x < cell.x2; ++x, in += n, out += n) pixel(in, out);
+    }
+}
+
+// The per-tile work of a filter that maps each colour component on its own:
+// reads `cell` from the image at full size, writes map(component) into `dest`
+// and copies a leading alpha component unchanged. -2 when the host does not
+// give the source tile.
+template <class T, class Map>
+int32_t MapComponents(BM_INFO* info, const RECT32& cell, BM_TILE& dest, Map&& map) {
+    const kpx::TileLease source(info, cell, KPX_TILE_READ);
+    if (!source) return KPX_NO_MEMORY;
+    const int32_t n = static_cast<int32_t>(KPX_TILE_COMPONENTS(dest.format));
+    const int32_t first = (info->pixel_flags & KPX_PIXEL_ALPHA) ? 1 : 0;
+    ForEachPixel<T>(*source.get(), dest, cell, [&](const T* in, T* out) {
+        if (first) out[0] = in[0];
+        for (int32_t c = first; c < n; ++c) out[c] = map(in[c]);
+    });
+    return KPX_OK;
+}
+
 }  // namespace bfm
