@@ -27,36 +27,6 @@ constexpr BitmapFilterDescriptor PendingRecord(std::string_view key) {
 
 }  // namespace
 
-constexpr BitmapFilterDescriptor kGammaFilter = PendingRecord("gamma");
-bool RegisterGamma() {
-    return RegisterFilter(FilterRowOf("gamma"));
-}
-
-constexpr BitmapFilterDescriptor kHslFilter = PendingRecord("hsl");
-bool RegisterHsl() {
-    return RegisterFilter(FilterRowOf("hsl"));
-}
-
-constexpr BitmapFilterDescriptor kMatrixFilter = PendingRecord("matrix");
-bool RegisterMatrix() {
-    return RegisterFilter(FilterRowOf("matrix"));
-}
-
-constexpr BitmapFilterDescriptor kEmbossFilter = PendingRecord("emboss");
-bool RegisterEmboss() {
-    return RegisterFilter(FilterRowOf("emboss"));
-}
-
-constexpr BitmapFilterDescriptor kSharpenFilter = PendingRecord("sharpen");
-bool RegisterSharpen() {
-    return RegisterFilter(FilterRowOf("sharpen"));
-}
-
-constexpr BitmapFilterDescriptor kSmoothFilter = PendingRecord("smooth");
-bool RegisterSmooth() {
-    return RegisterFilter(FilterRowOf("smooth"));
-}
-
 constexpr BitmapFilterDescriptor kDeinterlaceFilter = PendingRecord("deinterlace");
 bool RegisterDeinterlace() {
     return RegisterFilter(FilterRowOf("deinterlace"));
@@ -112,21 +82,6 @@ bool RegisterSpread() {
     return RegisterFilter(FilterRowOf("spread"));
 }
 
-constexpr BitmapFilterDescriptor kDifferenceFilter = PendingRecord("difference");
-bool RegisterDifference() {
-    return RegisterFilter(FilterRowOf("difference"));
-}
-
-constexpr BitmapFilterDescriptor kDetailsFilter = PendingRecord("details");
-bool RegisterDetails() {
-    return RegisterFilter(FilterRowOf("details"));
-}
-
-constexpr BitmapFilterDescriptor kStructuresFilter = PendingRecord("structures");
-bool RegisterStructures() {
-    return RegisterFilter(FilterRowOf("structures"));
-}
-
 constexpr BitmapFilterDescriptor kTextureMapFilter = PendingRecord("texturemap");
 bool RegisterTextureMap() {
     return RegisterFilter(FilterRowOf("texturemap"));
@@ -161,8 +116,5 @@ constexpr BitmapFilterDescriptor kLevelsFilter = PendingRecord("levels");
 bool RegisterLevels() {
     return RegisterFilter(FilterRowOf("levels"));
 }
-
-constexpr BitmapFilterDescriptor kThresholdFilter = PendingRecord("threshold");
-// Threshold is registered by PluginStart itself.
 
 }  // namespace bfm
