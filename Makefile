@@ -33,10 +33,18 @@ test: deps
 	$(MAKE) build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
+# Every available filter with its default settings on the sample, then one
+# contact sheet of the sample and all the results; each command says what it wrote.
 demo: deps
 	$(MAKE) build
 	@mkdir -p out
-	$(BUILD)/bin/bitmapfilter apply invert examples/sample.png out/sample-invert.png
+	@bf=$(BUILD)/bin/bitmapfilter; images=examples/sample.png; \
+	list=$$($$bf list) || exit 1; \
+	for key in $$(echo "$$list" | awk '!/ not available$$/ { print $$1 }'); do \
+	  $$bf apply $$key examples/sample.png out/sample-$$key.png || exit 1; \
+	  images="$$images out/sample-$$key.png"; \
+	done; \
+	$$bf contact-sheet out/contact-sheet.png $$images
 
 bench: deps
 	$(MAKE) build

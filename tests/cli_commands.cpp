@@ -1,23 +1,15 @@
 // The `bitmapfilter` command end to end: the real program on real files.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <fstream>
-#include <ostream>
 #include <sstream>
 
+#include "cli_support.hpp"
 #include "filterkeys.hpp"
-#include "imagefile.hpp"
-#include "support.hpp"
-
-extern char** environ;
 
 namespace bf::cli {
 namespace {
@@ -30,34 +22,6 @@ using test::TempDir;
 constexpr auto U8 = ComponentType::U8;
 constexpr auto U16 = ComponentType::U16;
 constexpr auto F32 = ComponentType::F32;
-
-struct Outcome {
-    int status = -1;  // the exit status, or 1000 + signal number
-    std::string out;
-    std::string err;
-};
-
-std::string ReadText(const std::filesystem::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
-std::vector<std::string> FolderContents(const std::filesystem::path& folder) {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder))
-        names.push_back(entry.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-}
 
 // Complements the colour components inside `area`, as Invert does.
 Image Inverted(Image image, const RECT32& area) {
@@ -85,63 +49,6 @@ RECT32 Whole(const Image& image) {
     return {0, 0, image.format.width, image.format.height};
 }
 
-class Cli : public testing::Test {
-protected:
-    std::filesystem::path path(const std::string& name) const { return dir_ / name; }
-
-    Outcome run(const std::vector<std::string>& args) { return finish(start(args)); }
-
-    // Starts the program with Ctrl-C at its default, whatever this process does.
-    pid_t start(std::vector<std::string> args) {
-        args.insert(args.begin(), BF_CLI_FILE);
-        std::vector<char*> argv;
-        for (std::string& arg : args) argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        posix_spawn_file_actions_addopen(&actions, 2, err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        posix_spawnattr_t attributes;
-        posix_spawnattr_init(&attributes);
-        sigset_t interrupt;
-        sigemptyset(&interrupt);
-        sigaddset(&interrupt, SIGINT);
-        posix_spawnattr_setsigdefault(&attributes, &interrupt);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-        pid_t pid = -1;
-        if (posix_spawn(&pid, BF_CLI_FILE, &actions, &attributes, argv.data(), environ) != 0)
-            pid = -1;
-        posix_spawnattr_destroy(&attributes);
-        posix_spawn_file_actions_destroy(&actions);
-        return pid;
-    }
-
-    Outcome finish(pid_t pid) {
-        Outcome result;
-        int status = 0;
-        if (pid < 0 || waitpid(pid, &status, 0) != pid) return result;
-        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-        result.out = ReadText(out_);
-        result.err = ReadText(err_);
-        return result;
-    }
-
-    // Writes `image` to `name` in the folder and returns its path as text.
-    std::string input(const std::string& name, const Image& image) {
-        WriteImage(path(name), image);
-        return path(name).string();
-    }
-
-    TempDir dir_;
-
-private:
-    TempDir capture_;
-    const std::filesystem::path out_ = capture_ / "out";
-    const std::filesystem::path err_ = capture_ / "err";
-};
-
 // ---- list and help ---------------------------------------------------------------
 
 TEST_F(Cli, ListShowsEveryFilterInRegistrationOrder) {
@@ -167,8 +74,9 @@ TEST_F(Cli, HelpNamesCommandsOptionsAndFilters) {
     for (const char* flag : {"--help", "-h"}) {
         const Outcome result = run({flag});
         EXPECT_EQ(result.status, 0);
-        for (const char* word : {"list", "apply", "--preset", "--save-preset", "--area", "--tile",
-                                 "--type", "--module", "--quiet", "--version"})
+        for (const char* word : {"list", "apply", "describe", "contact-sheet", "--preset",
+                                 "--save-preset", "--set", "--border", "--area", "--tile", "--type",
+                                 "--json", "--columns", "--module", "--quiet", "--version"})
             EXPECT_NE(result.out.find(word), std::string::npos) << word;
         for (const FilterKey& filter : kFilterKeys)
             EXPECT_NE(result.out.find(" " + std::string(filter.key)), std::string::npos)
@@ -303,29 +211,6 @@ TEST_F(Cli, InterruptedRunsLeaveNoPartialOutput) {
 
 // ---- failures: a clear line, the right status, nothing written -------------------------
 
-class CliFailure : public Cli {
-protected:
-    void SetUp() override {
-        in_ = input("in.tif", RandomImage({16, 12, 3, F32, false}));
-        out_ = path("out.tif").string();
-    }
-    // Runs, expects `status` and one error line containing `message`, and
-    // that the folder still holds only what was there before.
-    void expect_failure(const std::vector<std::string>& args, int status,
-                        const std::string& message) {
-        const std::vector<std::string> before = FolderContents(dir_.path());
-        const Outcome result = run(args);
-        EXPECT_EQ(result.status, status) << result.err;
-        EXPECT_EQ(result.out, "");
-        EXPECT_EQ(Lines(result.err).size(), 1u) << result.err;
-        EXPECT_TRUE(result.err.starts_with("bitmapfilter: ")) << result.err;
-        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
-        EXPECT_EQ(FolderContents(dir_.path()), before);
-    }
-    std::string in_;
-    std::string out_;
-};
-
 TEST_F(CliFailure, UnknownFilterListsTheKeys) {
     expect_failure({"apply", "blur", in_, out_}, 2,
                    "unknown filter 'blur'; filters: " + FilterKeyList());
@@ -335,6 +220,8 @@ TEST_F(CliFailure, UnknownFilterListsTheKeys) {
 TEST_F(CliFailure, BadCommandLinesExit2) {
     expect_failure({}, 2, "no command");
     expect_failure({"frobnicate"}, 2, "unknown command");
+    expect_failure({"describe", "gamma", "--columns", "2"}, 2,
+                   "--columns belongs to contact-sheet");
     expect_failure({"apply", "invert", in_}, 2, "FILTER INPUT OUTPUT");
     expect_failure({"apply", "invert", in_, out_, "--frobnicate"}, 2, "unknown option");
     expect_failure({"apply", "invert", in_, out_, "--tile", "0x5"}, 2, "--tile");

@@ -5,8 +5,11 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
+#include "contactsheet.hpp"
+#include "describe.hpp"
 #include "errors.hpp"
 #include "filterkeys.hpp"
 #include "imagefile.hpp"
@@ -53,6 +56,20 @@ const FilterKey& FilterFromOption(const std::string& name) {
     return *filter;
 }
 
+const BitmapFilterDescriptor& RecordOf(const Module& module, const FilterKey& filter) {
+    const Registration* registration = module.find(filter.plugin_id);
+    if (!registration || !registration->record)
+        throw CliError(kExitFilter, "filter " + Quoted(filter.key) + " is not in the module");
+    return *registration->record;
+}
+
+Settings DefaultSettings(const BitmapFilterDescriptor& record, const FilterKey& filter) {
+    std::optional<Settings> settings = Settings::Defaults(record);
+    if (!settings)
+        throw CliError(kExitFilter, "filter " + Quoted(filter.key) + " is not available yet");
+    return std::move(*settings);
+}
+
 void CheckArea(const RECT32& area, const ImageFormat& format) {
     const bool inside = 0 <= area.x1 && area.x1 < area.x2 && area.x2 <= format.width &&
                         0 <= area.y1 && area.y1 < area.y2 && area.y2 <= format.height;
@@ -84,6 +101,83 @@ Settings SettingsFromPreset(const BitmapFilterDescriptor& record, const FilterKe
                                        std::string(filter.key) + " or is damaged");
     return std::move(*settings);
 }
+
+// ---- dialogs without a person ---------------------------------------------------
+
+// The module's shared preferences: key 6 says whether a dialog shows its
+// preview. The command keeps them in memory only and never writes them.
+constexpr int32_t kSharedPreferences = 1000001;
+constexpr int32_t kPreviewShown = 6;
+constexpr const char* kBorderGadget = "border_wrap";
+// What a dialog answers when it closes.
+constexpr int32_t kConfirmed = 0;
+constexpr int32_t kCancelled = 1;
+
+// Opens the filter's dialog, makes the script's changes and closes it. No one
+// looks at a preview here, and the command line has no image view, so no
+// preview thread runs.
+int32_t RunHeadless(const BitmapFilterDescriptor& record, const FilterKey& filter,
+                    Document& document, Settings& settings, DialogScript script,
+                    std::vector<GadgetInfo>* gadgets = nullptr) {
+    SetPreference(kSharedPreferences, kPreviewShown, false);
+    script.image_view = false;
+    try {
+        return RunDialog(record, document, settings, script, gadgets);
+    } catch (const std::invalid_argument& error) {  // an unknown gadget or a bad value
+        throw CliError(kExitUsage, error.what());
+    } catch (const std::runtime_error& error) {  // the module could not build its dialog
+        throw CliError(kExitFilter,
+                       "the dialog of filter " + Quoted(filter.key) + " failed: " + error.what());
+    }
+}
+
+// The gadgets of the filter's dialog, opened on default settings over a
+// small grey picture and cancelled.
+std::vector<GadgetInfo> DialogGadgets(const BitmapFilterDescriptor& record,
+                                      const FilterKey& filter) {
+    Settings settings = DefaultSettings(record, filter);
+    Image grey({64, 64, 3, ComponentType::U8, false});
+    std::fill(grey.pixels.begin(), grey.pixels.end(), std::byte{128});
+    Document document(grey);
+    std::vector<GadgetInfo> gadgets;
+    DialogScript cancel;
+    cancel.confirm = false;
+    const int32_t status = RunHeadless(record, filter, document, settings, cancel, &gadgets);
+    if (status != kConfirmed && status != kCancelled)
+        throw CliError(kExitFilter, "the dialog of filter " + Quoted(filter.key) +
+                                        " failed: " + std::string(DescribeStatus(status)));
+    return gadgets;
+}
+
+bool HasGadget(const std::vector<GadgetInfo>& gadgets, std::string_view name) {
+    return std::any_of(gadgets.begin(), gadgets.end(),
+                       [&](const GadgetInfo& gadget) { return gadget.name == name; });
+}
+
+// --border and --set: the dialog opened on the settings, the border check box
+// set first, then each change in order, and confirmed. Which gadgets a dialog
+// has is known only once it is open, so --border looks first in one opened on
+// the defaults and cancelled.
+void EditInDialog(const BitmapFilterDescriptor& record, const FilterKey& filter, Document& document,
+                  Settings& settings, const Options& options) {
+    if (!HasDialog(filter))
+        throw CliError(kExitUsage, "filter " + Quoted(filter.key) +
+                                       " has no settings dialog; --set and --border need one");
+    DialogScript script;
+    if (options.border_wrap) {
+        if (!HasGadget(DialogGadgets(record, filter), kBorderGadget))
+            throw CliError(kExitUsage, "filter " + Quoted(filter.key) + " has no border mode");
+        script.changes.push_back({kBorderGadget, *options.border_wrap ? "1" : "0"});
+    }
+    script.changes.insert(script.changes.end(), options.changes.begin(), options.changes.end());
+    const int32_t status = RunHeadless(record, filter, document, settings, script);
+    if (status != kConfirmed)
+        throw CliError(kExitFilter, "the dialog of filter " + Quoted(filter.key) +
+                                        " did not confirm the settings (status " +
+                                        std::to_string(status) + "); nothing written");
+}
+
+// ---- filtering ----------------------------------------------------------------------
 
 // Runs the filter on the document with the progress bar and Ctrl-C handling,
 // and writes the result. Ctrl-C stays caught until the output is complete, so
@@ -134,21 +228,15 @@ int RunList(const Options& options) {
 int RunApply(const Options& options) {
     const FilterKey& filter = FilterFromOption(options.filter);
     const std::unique_ptr<Module> module = LoadModule(options);
-    const Registration* registration = module->find(filter.plugin_id);
-    if (!registration || !registration->record)
-        throw CliError(kExitFilter, "filter " + Quoted(filter.key) + " is not in the module");
-    const BitmapFilterDescriptor& record = *registration->record;
+    const BitmapFilterDescriptor& record = RecordOf(*module, filter);
 
     Image image = ReadImage(options.input);
     if (options.type) image = ConvertImage(image, *options.type);
     CheckWritable(options.output, image.format);  // before any work is done
     if (options.area) CheckArea(*options.area, image.format);
 
-    std::optional<Settings> settings = Settings::Defaults(record);
-    if (!settings)
-        throw CliError(kExitFilter, "filter " + Quoted(filter.key) + " is not available yet");
+    Settings settings = DefaultSettings(record, filter);
     if (options.preset) settings = SettingsFromPreset(record, filter, *options.preset);
-    if (options.save_preset) WriteWholeFile(*options.save_preset, settings->to_blob());
 
     const TileSize tile =
         options.tile.value_or(TileSize{Document::kDefaultTile, Document::kDefaultTile});
@@ -156,7 +244,47 @@ int RunApply(const Options& options) {
     if (options.area) document.set_area(*options.area);
     image = Image();  // the document holds the pixels now
 
-    FilterAndWrite(record, filter, document, *settings, options);
+    if (options.border_wrap || !options.changes.empty())
+        EditInDialog(record, filter, document, settings, options);
+    if (options.save_preset) WriteWholeFile(*options.save_preset, settings.to_blob());
+
+    FilterAndWrite(record, filter, document, settings, options);
+    if (!options.quiet) std::fprintf(stderr, "wrote %s\n", options.output.c_str());
+    return kExitOk;
+}
+
+int RunDescribe(const Options& options) {
+    const FilterKey& filter = FilterFromOption(options.filter);
+    const std::unique_ptr<Module> module = LoadModule(options);
+    const BitmapFilterDescriptor& record = RecordOf(*module, filter);
+    const Settings settings = DefaultSettings(record, filter);
+
+    FilterDescription description;
+    description.key = filter.key;
+    description.name = module->find(filter.plugin_id)->name;
+    description.plugin_id = filter.plugin_id;
+    description.code = CodeText(settings.code());
+    description.blob_size = settings.to_blob().size();
+    description.has_dialog = HasDialog(filter);
+    if (description.has_dialog) description.gadgets = DialogGadgets(record, filter);
+
+    const std::string text =
+        options.json ? DescriptionJson(description).dump(2) + "\n" : DescriptionText(description);
+    std::fputs(text.c_str(), stdout);
+    return std::fflush(stdout) == 0 ? kExitOk : kExitUsage;
+}
+
+int RunContactSheet(const Options& options) {
+    CheckWritable(options.output, {1, 1, 3, ComponentType::U8, false});  // before any work
+    std::vector<LabelledImage> images;
+    for (const std::filesystem::path& file : options.images)
+        images.push_back({ReadImage(file), file.stem().string()});
+    const ContactSheet sheet =
+        MakeContactSheet(images, options.columns.value_or(DefaultColumns(images.size())));
+    if (!sheet.label_error.empty())
+        std::fprintf(stderr, "bitmapfilter: warning: the sheet has no labels: %s\n",
+                     sheet.label_error.c_str());
+    WriteImage(options.output, sheet.sheet);
     if (!options.quiet) std::fprintf(stderr, "wrote %s\n", options.output.c_str());
     return kExitOk;
 }

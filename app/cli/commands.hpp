@@ -1,12 +1,14 @@
-// commands.hpp - what `bitmapfilter list` and `bitmapfilter apply` do.
+// commands.hpp - what each `bitmapfilter` command does.
 #pragma once
 
 #include "options.hpp"
 
 namespace bf::cli {
 
-// Both return the exit status, or throw CliError.
+// Each returns the exit status, or throws CliError.
 int RunList(const Options& options);
 int RunApply(const Options& options);
+int RunDescribe(const Options& options);
+int RunContactSheet(const Options& options);
 
 }  // namespace bf::cli

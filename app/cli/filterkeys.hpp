@@ -37,6 +37,12 @@ inline constexpr std::array<FilterKey, 29> kFilterKeys = {{
     {"levels", 1000579, "lvls"},        {"threshold", 1000580, "thrs"},
 }};
 
+// Every filter but Invert has a settings dialog. (Invert's Execute applies
+// the filter whatever it is asked, so the command must not ask for a dialog.)
+constexpr bool HasDialog(const FilterKey& filter) {
+    return filter.key != "invert";
+}
+
 // The filter named by its key or by its plug-in id in decimal; null if none.
 const FilterKey* FindFilter(std::string_view key_or_id);
 const FilterKey* FindFilterById(int32_t plugin_id);

@@ -23,6 +23,8 @@ int Run(std::span<const char* const> args) {
         case Command::Version: std::fputs(VersionText().c_str(), stdout); return kExitOk;
         case Command::List: return RunList(options);
         case Command::Apply: return RunApply(options);
+        case Command::Describe: return RunDescribe(options);
+        case Command::ContactSheet: return RunContactSheet(options);
     }
     return kExitUsage;
 }

@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::string_view kVersion = "0.1.0";
 constexpr int kLargestTile = 65536;
+constexpr int kMostColumns = 100;
 
 [[noreturn]] void Fail(const std::string& message) {
     throw CliError(kExitUsage, message);
@@ -59,13 +60,37 @@ ComponentType ParseType(std::string_view text) {
     Fail("--type wants u8, u16 or float, not '" + std::string(text) + "'");
 }
 
+// "KEY=VALUE": a gadget by name or id, and the value as a person types it.
+// The dialog checks both; here only the shape.
+GadgetChange ParseChange(std::string_view text) {
+    const std::size_t equals = text.find('=');
+    if (equals == 0 || equals == std::string_view::npos || equals + 1 == text.size())
+        Fail("--set wants KEY=VALUE (a gadget name or id, and a value), not '" + std::string(text) +
+             "'");
+    return GadgetChange{std::string(text.substr(0, equals)), std::string(text.substr(equals + 1))};
+}
+
+bool ParseBorder(std::string_view text) {
+    if (text == "wrap") return true;
+    if (text == "clamp") return false;
+    Fail("--border wants wrap or clamp, not '" + std::string(text) + "'");
+}
+
+int ParseColumns(std::string_view text) {
+    int columns = 0;
+    if (!ParseInt(text, columns) || columns < 1 || columns > kMostColumns)
+        Fail("--columns wants a number from 1 to " + std::to_string(kMostColumns) + ", not '" +
+             std::string(text) + "'");
+    return columns;
+}
+
 bool IsFlag(std::string_view word, std::string_view long_name, std::string_view short_name = {}) {
     return word == long_name || (!short_name.empty() && word == short_name);
 }
 
 bool IsValueOption(std::string_view name) {
-    for (std::string_view known :
-         {"--module", "--preset", "--save-preset", "--area", "--tile", "--type"})
+    for (std::string_view known : {"--module", "--preset", "--save-preset", "--area", "--tile",
+                                   "--type", "--set", "--border", "--columns"})
         if (name == known) return true;
     return false;
 }
@@ -81,6 +106,12 @@ void SetValueOption(Options& options, std::string_view name, std::string_view va
         options.area = ParseArea(value);
     else if (name == "--tile")
         options.tile = ParseTile(value);
+    else if (name == "--set")
+        options.changes.push_back(ParseChange(value));
+    else if (name == "--border")
+        options.border_wrap = ParseBorder(value);
+    else if (name == "--columns")
+        options.columns = ParseColumns(value);
     else
         options.type = ParseType(value);
 }
@@ -104,6 +135,10 @@ std::vector<std::string_view> TakeOptions(std::span<const char* const> words, Op
             options.quiet = true;
             continue;
         }
+        if (IsFlag(word, "--json")) {
+            options.json = true;
+            continue;
+        }
         // Options with a value: "--name value" or "--name=value".
         const std::size_t equals = word.find('=');
         const std::string_view name = word.substr(0, equals);
@@ -121,17 +156,44 @@ std::vector<std::string_view> TakeOptions(std::span<const char* const> words, Op
     return operands;
 }
 
-void CheckListOptions(const Options& options, std::span<const std::string_view> operands) {
-    if (!operands.empty()) Fail("list takes no arguments, got '" + std::string(operands[0]) + "'");
-    if (options.preset || options.save_preset || options.area || options.tile || options.type)
-        Fail("--preset, --save-preset, --area, --tile and --type belong to apply");
+// Options given to a command they do not belong to are mistakes, not no-ops.
+void CheckOptionsBelong(const Options& options) {
+    const bool apply_options = options.preset || options.save_preset || options.area ||
+                               options.tile || options.type || !options.changes.empty() ||
+                               options.border_wrap;
+    if (apply_options && options.command != Command::Apply)
+        Fail("--preset, --save-preset, --area, --tile, --type, --set and --border belong to apply");
+    if (options.json && options.command != Command::Describe) Fail("--json belongs to describe");
+    if (options.columns && options.command != Command::ContactSheet)
+        Fail("--columns belongs to contact-sheet");
 }
 
-void TakeApplyOperands(Options& options, std::span<const std::string_view> operands) {
-    if (operands.size() != 3) Fail("apply wants FILTER INPUT OUTPUT (see bitmapfilter --help)");
-    options.filter = operands[0];
-    options.input = operands[1];
-    options.output = operands[2];
+void TakeOperands(Options& options, std::span<const std::string_view> operands) {
+    switch (options.command) {
+        case Command::List:
+            if (!operands.empty())
+                Fail("list takes no arguments, got '" + std::string(operands[0]) + "'");
+            break;
+        case Command::Apply:
+            if (operands.size() != 3)
+                Fail("apply wants FILTER INPUT OUTPUT (see bitmapfilter --help)");
+            options.filter = operands[0];
+            options.input = operands[1];
+            options.output = operands[2];
+            break;
+        case Command::Describe:
+            if (operands.size() != 1) Fail("describe wants one FILTER (see bitmapfilter --help)");
+            options.filter = operands[0];
+            break;
+        case Command::ContactSheet:
+            if (operands.size() < 2)
+                Fail("contact-sheet wants OUTPUT IMAGE... (see bitmapfilter --help)");
+            options.output = operands[0];
+            options.images.assign(operands.begin() + 1, operands.end());
+            break;
+        case Command::Help:
+        case Command::Version: break;
+    }
 }
 
 }  // namespace
@@ -151,15 +213,19 @@ Options ParseOptions(std::span<const char* const> args) {
     if (operands.empty()) Fail("no command given (see bitmapfilter --help)");
     const std::string_view command = operands.front();
     operands.erase(operands.begin());
-    if (command == "list") {
+    if (command == "list")
         options.command = Command::List;
-        CheckListOptions(options, operands);
-    } else if (command == "apply") {
+    else if (command == "apply")
         options.command = Command::Apply;
-        TakeApplyOperands(options, operands);
-    } else {
-        Fail("unknown command '" + std::string(command) + "' (commands: list, apply)");
-    }
+    else if (command == "describe")
+        options.command = Command::Describe;
+    else if (command == "contact-sheet")
+        options.command = Command::ContactSheet;
+    else
+        Fail("unknown command '" + std::string(command) +
+             "' (commands: list, apply, describe, contact-sheet)");
+    CheckOptionsBelong(options);
+    TakeOperands(options, operands);
     return options;
 }
 
@@ -176,16 +242,35 @@ std::string UsageText() {
     keys += line + "\n";
     return "usage: bitmapfilter list [--module PATH]\n"
            "       bitmapfilter apply FILTER INPUT OUTPUT [options]\n"
+           "       bitmapfilter describe FILTER [--json] [--module PATH]\n"
+           "       bitmapfilter contact-sheet OUTPUT IMAGE... [--columns N]\n"
            "       bitmapfilter --help | --version\n"
            "\n"
            "Commands:\n"
-           "  list     one line per filter of the module, in registration order: key,\n"
-           "           plug-in id, settings code, name, and whether it is available\n"
-           "  apply    filters the image file INPUT and writes OUTPUT; FILTER is a key\n"
-           "           below or a plug-in id\n"
+           "  list           one line per filter of the module, in registration order:\n"
+           "                 key, plug-in id, settings code, name, and whether it is\n"
+           "                 available\n"
+           "  apply          filters the image file INPUT and writes OUTPUT; FILTER is a\n"
+           "                 key below or a plug-in id\n"
+           "  describe       the gadgets of the filter's settings dialog: id, name, kind,\n"
+           "                 range, step and default as --set takes them (degrees for\n"
+           "                 angles, percent for percentages), choices; and the\n"
+           "                 settings code and blob size\n"
+           "  contact-sheet  one 8-bit RGB picture OUTPUT with a thumbnail of each IMAGE,\n"
+           "                 labelled with its file name without extension, in a grid\n"
            "\n"
-           "Options:\n"
+           "Options of apply:\n"
            "  --preset FILE          settings from a saved preset instead of the defaults\n"
+           "  --set KEY=VALUE        change a setting in the filter's dialog before\n"
+           "                         applying; KEY is a gadget name or id (see describe),\n"
+           "                         VALUE as a person types it: degrees for angles,\n"
+           "                         percent for percentages, 0 or 1 for check boxes, an\n"
+           "                         index for choices; out-of-range values are clamped;\n"
+           "                         repeatable, made in order after --preset\n"
+           "  --border wrap|clamp    reads outside the image wrap round to the opposite\n"
+           "                         edge, or repeat the edge (filters with a border\n"
+           "                         mode); set before the --set changes. Without it, a\n"
+           "                         dialog run starts from clamp, even over a preset\n"
            "  --save-preset FILE     save the settings used as a preset\n"
            "  --area X1,Y1,X2,Y2     filter only this area (X2 and Y2 exclusive); it must\n"
            "                         lie inside the image; default: the whole image\n"
@@ -195,6 +280,11 @@ std::string UsageText() {
            "  --type u8|u16|float    convert the pixels before filtering; the output keeps\n"
            "                         that type (u8<->u16 by x257 and rounding, float as\n"
            "                         value / maximum, float to integers clamped and rounded)\n"
+           "\n"
+           "Other options:\n"
+           "  --json                 describe: one JSON object instead of text\n"
+           "  --columns N            contact-sheet: thumbnails per row (default: about as\n"
+           "                         many columns as rows)\n"
            "  --module PATH          the filter module to load (default: next to the\n"
            "                         program, or $BITMAPFILTER_MODULE)\n"
            "  -q, --quiet            no progress bar and no confirmation\n"
@@ -215,8 +305,8 @@ std::string UsageText() {
            "\n"
            "Ctrl-C stops the filter and writes nothing; a second Ctrl-C quits at once.\n"
            "\n"
-           "Exit status: 0 done, 2 bad command line, file or preset, 3 the filter failed\n"
-           "or is not available, 130 interrupted.\n";
+           "Exit status: 0 done, 2 bad command line, file, preset, gadget or value, 3 the\n"
+           "filter or its dialog failed, or the filter is not available, 130 interrupted.\n";
 }
 
 std::string VersionText() {

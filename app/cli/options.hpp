@@ -5,12 +5,13 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "runtime.hpp"
 
 namespace bf::cli {
 
-enum class Command { Help, Version, List, Apply };
+enum class Command { Help, Version, List, Apply, Describe, ContactSheet };
 
 struct TileSize {
     int width = 0;
@@ -31,6 +32,15 @@ struct Options {
     std::optional<RECT32> area;
     std::optional<TileSize> tile;
     std::optional<ComponentType> type;
+    std::vector<GadgetChange> changes;  // --set, in order
+    std::optional<bool> border_wrap;    // --border wrap (true) or clamp (false)
+
+    // describe (with `filter`)
+    bool json = false;
+
+    // contact-sheet (with `output`)
+    std::vector<std::filesystem::path> images;
+    std::optional<int> columns;
 };
 
 // `args` without the program name. Throws CliError (exit status 2) for a
