@@ -153,10 +153,17 @@ Convolution* CreateConvolution(const Matrix& matrix, uint32_t pixel_flags, uint3
     return convolution;
 }
 
+// A convolution already set for this format is left untouched: the dialog's
+// two previews share one, and one may be convolving while the other sets it.
 void SetConvolutionFormat(Convolution* convolution, uint32_t pixel_flags, uint32_t colour_mode) {
+    const uint32_t components = KPX_MODE_COMPONENTS(colour_mode);
+    const ConvolveLineFn line = SelectLineRoutine(convolution->matrix, pixel_flags, colour_mode);
+    if (convolution->pixel_flags == pixel_flags && convolution->components == components &&
+        convolution->line == line)
+        return;
     convolution->pixel_flags = pixel_flags;
-    convolution->components = KPX_MODE_COMPONENTS(colour_mode);
-    convolution->line = SelectLineRoutine(convolution->matrix, pixel_flags, colour_mode);
+    convolution->components = components;
+    convolution->line = line;
 }
 
 void GetConvolutionSize(const Convolution* convolution, int32_t* columns, int32_t* rows,
