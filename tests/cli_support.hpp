@@ -53,6 +53,10 @@ inline std::vector<std::string> FolderContents(const std::filesystem::path& fold
     return names;
 }
 
+inline bool Same(const Image& a, const Image& b) {
+    return a.format == b.format && a.pixels == b.pixels;
+}
+
 class Cli : public testing::Test {
 protected:
     std::filesystem::path path(const std::string& name) const { return dir_ / name; }
@@ -94,6 +98,16 @@ protected:
         result.out = ReadText(out_);
         result.err = ReadText(err_);
         return result;
+    }
+
+    // Runs `apply ARGS -q`, expects a silent success and reads the output.
+    Image applied(std::vector<std::string> args) {
+        args.insert(args.begin(), "apply");
+        args.push_back("-q");
+        const Outcome result = run(args);
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(result.out + result.err, "");
+        return result.status == 0 ? ReadImage(args[3]) : Image();
     }
 
     // Writes `image` to `name` in the folder and returns its path as text.

@@ -20,6 +20,9 @@ using bf::ComponentType;
 using bf::Document;
 using bf::Image;
 using bf::ImageFormat;
+using bf::test::GadgetById;
+using bf::test::kTypeOf;
+using bf::test::SamePixels;
 
 // ---- settings records by offset ------------------------------------------------
 
@@ -61,91 +64,37 @@ struct FilterCase {
     Kernel other;           // ...and what it holds (the custom matrix: one written in)
 };
 
+// Kernel 0 and another kernel of each filter (the custom matrix: its default
+// and one written in).
+const Kernel kMatrixDefault{3, 3, 1, 1, {0.5f, 1, 0.5f, 1, 2, 1, 0.5f, 1, 0.5f}};
+const Kernel kMatrixOther{5, 3, 2, 1, {1, -2, 3, 0, 1, 2, 5, -1, 0, 0, 0, 1, 0, -3, 1}};
+const Kernel kEmboss0{5, 5, 2, 2, {0.5f, 1, 0.5f, 1, 2, 1, 0.5f, 1,   0.5f, 0, 0, 0, 0,
+                                   0,    0, 0,    0, 2, 0, 0,    -10, 3,    0, 0, 0}};
+const Kernel kEmboss3{5, 5, 2, 2, {2.67f, 3.64f, 0, -3.64f, -2.67f, 3.73f, 5.62f, 0, -5.63f, -3.73f,
+                                   4.63f, 10,    4, -10,    -4.63f, 3.73f, 5.62f, 0, -5.63f, -3.73f,
+                                   2.67f, 3.64f, 0, -3.64f, -2.67f}};
+const Kernel kSharpen0{3, 3, 1, 1, {0, -1, 0, -1, 5, -1, 0, -1, 0}};
+const Kernel kSharpen2{3, 3, 1, 1, {-1, -2, -1, -2, 16, -2, -1, -2, -1}};
+const Kernel kSmooth0{3, 3, 1, 1, {1, 1, 1, 1, 0, 1, 1, 1, 1}};
+const Kernel kSmooth2{3, 3, 1, 1, {1, 2, 1, 2, 5, 2, 1, 2, 1}};
+const Kernel kDetails0{3, 3, 1, 1, {-1, -1, -1, -1, 9, -1, -1, -1, -1}};
+const Kernel kDetails5{7, 7, 3, 3, {0, -1, 0, -2, 0, -1, 0,  -1, 1, -3, 2, -3, 1, -1, 0, -3, 3, -7,
+                                    3, -3, 0, -2, 2, -7, 44, -7, 2, -2, 0, -3, 3, -7, 3, -3, 0, -1,
+                                    1, -3, 2, -3, 1, -1, 0,  -1, 0, -2, 0, -1, 0}};
+const Kernel kStructures0{3, 3, 1, 1, {0, -1, 0, 0, 2, 0, 0, 0, 0}};
+const Kernel kStructures12{3, 3, 1, 1, {2, -1, -1, -1, 2, -1, -1, -1, 2}};
+const Kernel kDifference0{3, 3, 1, 1, {-1, -2, -1, 0, 0, 0, 1, 2, 1}};
+const Kernel kDifference8{3, 3, 1, 1, {0, 0, 0, 0, 1, 1, 0, -1, -1}};
+
 const std::vector<FilterCase>& Filters() {
     static const std::vector<FilterCase> filters{
-        {"matrix",
-         kAngle,
-         12,
-         16,
-         0,
-         true,
-         1.0f,
-         0,
-         {3, 3, 1, 1, {0.5f, 1, 0.5f, 1, 2, 1, 0.5f, 1, 0.5f}},
-         0,
-         {5, 3, 2, 1, {1, -2, 3, 0, 1, 2, 5, -1, 0, 0, 0, 1, 0, -3, 1}}},
-        {"emboss",
-         kAngle,
-         12,
-         16,
-         20,
-         true,
-         1.0f,
-         5,
-         {5, 5, 2, 2, {0.5f, 1, 0.5f, 1, 2, 1, 0.5f, 1,   0.5f, 0, 0, 0, 0,
-                       0,    0, 0,    0, 2, 0, 0,    -10, 3,    0, 0, 0}},
-         3,
-         {5, 5, 2, 2, {2.67f,  3.64f,  0,     -3.64f, -2.67f, 3.73f,  5.62f, 0,     -5.63f,
-                       -3.73f, 4.63f,  10,    4,      -10,    -4.63f, 3.73f, 5.62f, 0,
-                       -5.63f, -3.73f, 2.67f, 3.64f,  0,      -3.64f, -2.67f}}},
-        {"sharpen",
-         0,
-         8,
-         12,
-         16,
-         true,
-         1.0f,
-         3,
-         {3, 3, 1, 1, {0, -1, 0, -1, 5, -1, 0, -1, 0}},
-         2,
-         {3, 3, 1, 1, {-1, -2, -1, -2, 16, -2, -1, -2, -1}}},
-        {"smooth",
-         0,
-         8,
-         12,
-         16,
-         true,
-         1.0f,
-         3,
-         {3, 3, 1, 1, {1, 1, 1, 1, 0, 1, 1, 1, 1}},
-         2,
-         {3, 3, 1, 1, {1, 2, 1, 2, 5, 2, 1, 2, 1}}},
-        {"details",
-         0,
-         8,
-         12,
-         16,
-         true,
-         0.25f,
-         6,
-         {3, 3, 1, 1, {-1, -1, -1, -1, 9, -1, -1, -1, -1}},
-         5,
-         {7, 7, 3, 3, {0,  -1, 0,  -2, 0,  -1, 0,  -1, 1,  -3, 2,  -3, 1,  -1, 0,  -3, 3,
-                       -7, 3,  -3, 0,  -2, 2,  -7, 44, -7, 2,  -2, 0,  -3, 3,  -7, 3,  -3,
-                       0,  -1, 1,  -3, 2,  -3, 1,  -1, 0,  -1, 0,  -2, 0,  -1, 0}}},
-        {"structures",
-         kAngle,
-         12,
-         16,
-         20,
-         false,
-         1.0f,
-         14,
-         {3, 3, 1, 1, {0, -1, 0, 0, 2, 0, 0, 0, 0}},
-         12,
-         {3, 3, 1, 1, {2, -1, -1, -1, 2, -1, -1, -1, 2}}},
-        {"difference",
-         kAngle,
-         12,
-         16,
-         20,
-         false,
-         1.0f,
-         9,
-         {3, 3, 1, 1, {-1, -2, -1, 0, 0, 0, 1, 2, 1}},
-         8,
-         {3, 3, 1, 1, {0, 0, 0, 0, 1, 1, 0, -1, -1}}},
-    };
+        {"matrix", kAngle, 12, 16, 0, true, 1.0f, 0, kMatrixDefault, 0, kMatrixOther},
+        {"emboss", kAngle, 12, 16, 20, true, 1.0f, 5, kEmboss0, 3, kEmboss3},
+        {"sharpen", 0, 8, 12, 16, true, 1.0f, 3, kSharpen0, 2, kSharpen2},
+        {"smooth", 0, 8, 12, 16, true, 1.0f, 3, kSmooth0, 2, kSmooth2},
+        {"details", 0, 8, 12, 16, true, 0.25f, 6, kDetails0, 5, kDetails5},
+        {"structures", kAngle, 12, 16, 20, false, 1.0f, 14, kStructures0, 12, kStructures12},
+        {"difference", kAngle, 12, 16, 20, false, 1.0f, 9, kDifference0, 8, kDifference8}};
     return filters;
 }
 
@@ -197,70 +146,12 @@ std::vector<float> Blended(const Kernel& k, bool normalise, float strength) {
     return blended;
 }
 
-template <class T>
-T Store(float sum) {
-    if constexpr (std::is_same_v<T, float>) {
-        return sum;
-    } else {
-        constexpr float top = std::is_same_v<T, uint8_t> ? 255.0f : 65535.0f;
-        if (sum < 0.0f) return 0;
-        if (sum > top) return static_cast<T>(top);
-        return static_cast<T>(sum + 0.5f);
-    }
-}
-
-// `before` with `area` convolved, in f32, row by row and column by column;
-// reads outside the image clamp to the edge or wrap round. With alpha, the
-// colours are weighted by the neighbours' alpha and divided by the new alpha.
+// `before` with `area` convolved plainly by `weights` in the shape of `k`.
 template <class T>
 Image Convolved(const Image& before, const RECT32& area, const Kernel& k,
                 const std::vector<float>& weights, bool wrap) {
-    const ImageFormat& f = before.format;
-    const int n = f.components;
-    auto value = [&](int x, int y, int component) {
-        x = wrap ? (x % f.width + f.width) % f.width : std::clamp(x, 0, f.width - 1);
-        y = wrap ? (y % f.height + f.height) % f.height : std::clamp(y, 0, f.height - 1);
-        return static_cast<float>(before.line_as<T>(y)[x * n + component]);
-    };
-    // The sum over the neighbourhood of weight x factor(x, y).
-    auto sum_of = [&](int x, int y, auto factor) {
-        float sum = 0.0f;
-        for (int r = 0; r < k.rows; ++r)
-            for (int c = 0; c < k.columns; ++c)
-                sum += factor(weights[r * k.columns + c], x - k.centre_x + c, y - k.centre_y + r);
-        return sum;
-    };
-    Image after = before;
-    for (int y = area.y1; y < area.y2; ++y)
-        for (int x = area.x1; x < area.x2; ++x) {
-            T* out = after.line_as<T>(y) + x * n;
-            if (!f.alpha) {
-                for (int i = 0; i < n; ++i)
-                    out[i] = Store<T>(sum_of(
-                        x, y, [&](float w, int sx, int sy) { return w * value(sx, sy, i); }));
-                continue;
-            }
-            const float alpha =
-                sum_of(x, y, [&](float w, int sx, int sy) { return w * value(sx, sy, 0); });
-            out[0] = Store<T>(alpha);
-            const float divisor = alpha == 0.0f ? 1.0f : alpha;
-            for (int i = 1; i < n; ++i)
-                out[i] = Store<T>(sum_of(x, y,
-                                         [&](float w, int sx, int sy) {
-                                             return w * value(sx, sy, 0) * value(sx, sy, i);
-                                         }) /
-                                  divisor);
-        }
-    return after;
-}
-
-template <class T>
-constexpr ComponentType kTypeOf = std::is_same_v<T, uint8_t>    ? ComponentType::U8
-                                  : std::is_same_v<T, uint16_t> ? ComponentType::U16
-                                                                : ComponentType::F32;
-
-bool SamePixels(const Image& a, const Image& b) {
-    return a.format == b.format && a.pixels == b.pixels;
+    return bf::test::NaiveConvolution<T>(
+        before, {k.columns, k.rows, k.centre_x, k.centre_y, weights.data()}, area, wrap);
 }
 
 class ConvolutionTest : public testing::Test {
@@ -307,23 +198,6 @@ TYPED_TEST(ConvolutionPixels, EveryFilterMatchesTheReference) {
                     before, area, k, Blended(k, filter.normalised, filter.strength), other);
                 EXPECT_TRUE(SamePixels(document.image(), expected));
             }
-}
-
-TYPED_TEST(ConvolutionPixels, AOneByOneWeightOfTwoDoublesEveryComponent) {
-    using T = TypeParam;
-    const FilterCase& matrix = Case("matrix");
-    const Image before = bf::test::RandomImage({6, 5, 2, kTypeOf<T>, false}, 3);
-    Document document(before);
-    bf::Settings settings = Defaults(matrix);
-    PutMatrix(settings, {1, 1, 0, 0, {2}});
-    Put<uint32_t>(settings, matrix.normalise, 0);
-    ASSERT_EQ(bf::ApplyFilter(Record(matrix), document, settings), KPX_OK);
-    const Image after = document.image();
-    for (int y = 0; y < 5; ++y)
-        for (int i = 0; i < 12; ++i) {
-            const T in = before.line_as<T>(y)[i];
-            EXPECT_EQ(after.line_as<T>(y)[i], Store<T>(2.0f * static_cast<float>(in)));
-        }
 }
 
 // ---- the blend and flat areas ------------------------------------------------------------
@@ -373,6 +247,8 @@ TEST_F(ConvolutionTest, FlatAreasStayFlatOrGoToZero) {
 
 // ---- settings and blobs ------------------------------------------------------------------
 
+// A blob restores strength and angle only, and not when out of range: the
+// rest, and the prepared convolution, take the defaults.
 TEST_F(ConvolutionTest, ABlobRestoresStrengthAndAngleOnly) {
     const Image image = bf::test::RandomImage({5, 5, 1, ComponentType::U8, false});
     for (const FilterCase& filter : Filters()) {
@@ -389,7 +265,7 @@ TEST_F(ConvolutionTest, ABlobRestoresStrengthAndAngleOnly) {
         if (filter.kernel) Put<uint32_t>(settings, filter.kernel, filter.kernel_count - 1);
         if (matrix) PutMatrix(settings, filter.other);
 
-        const std::vector<std::byte> blob = settings.to_blob();
+        std::vector<std::byte> blob = settings.to_blob();
         ASSERT_EQ(blob.size(), matrix ? 968u : 56u);
         const uint32_t cache = matrix ? kCacheOfMatrix : kCacheOfKernelFilters;
         ASSERT_NE(Get<void*>(settings, cache), nullptr);
@@ -397,34 +273,21 @@ TEST_F(ConvolutionTest, ABlobRestoresStrengthAndAngleOnly) {
 
         bf::Settings restored = *bf::Settings::FromBlob(Record(filter), blob);
         EXPECT_EQ(Get<float>(restored, kStrength), 0.5f);
-        if (filter.angle) {
-            EXPECT_EQ(Get<float>(restored, filter.angle), 45.0f);
-        }
+        EXPECT_EQ(filter.angle ? Get<float>(restored, filter.angle) : 45.0f, 45.0f);
         EXPECT_EQ(Get<uint32_t>(restored, filter.normalise), filter.normalised ? 1u : 0u);
         EXPECT_EQ(Get<uint32_t>(restored, filter.border), uint32_t(KPX_BORDER_CLAMP));
-        if (filter.kernel) {
-            EXPECT_EQ(Get<uint32_t>(restored, filter.kernel), 0u);
-        }
+        EXPECT_EQ(filter.kernel ? Get<uint32_t>(restored, filter.kernel) : 0u, 0u);
         if (matrix) {
             EXPECT_EQ(Get<int32_t>(restored, kMatrixColumns), 3);
             EXPECT_EQ(Get<float>(restored, kMatrixWeights + 4 * 4), 2.0f);
         }
         EXPECT_EQ(Get<void*>(restored, cache), nullptr);
-    }
-}
 
-TEST_F(ConvolutionTest, StoredValuesOutOfRangeKeepTheDefaults) {
-    for (const FilterCase& filter : Filters()) {
-        SCOPED_TRACE(filter.key);
-        bf::Settings settings = Defaults(filter);
         Put<float>(settings, kStrength, 1.5f);
         if (filter.angle) Put<float>(settings, filter.angle, 400.0f);
-        std::vector<std::byte> blob = settings.to_blob();
-        bf::Settings restored = *bf::Settings::FromBlob(Record(filter), blob);
+        restored = *bf::Settings::FromBlob(Record(filter), settings.to_blob());
         EXPECT_EQ(Get<float>(restored, kStrength), filter.strength);
-        if (filter.angle) {
-            EXPECT_EQ(Get<float>(restored, filter.angle), 0.0f);
-        }
+        EXPECT_EQ(filter.angle ? Get<float>(restored, filter.angle) : 0.0f, 0.0f);
 
         blob[16] = std::byte{'x'};  // another filter's code
         EXPECT_FALSE(bf::Settings::FromBlob(Record(filter), blob).has_value());
@@ -447,25 +310,22 @@ TEST_F(ConvolutionTest, SharpenTakesItsStrengthFromAHostContainer) {
     }
 }
 
-TEST_F(ConvolutionTest, ARefusedLockStopsWithoutWriting) {
+// A refused settings lock (every filter) or no memory for the convolution
+// stops the run with the document as it was.
+TEST_F(ConvolutionTest, ARefusedLockOrAllocationStopsWithoutWriting) {
     const Image before = bf::test::RandomImage({6, 6, 3, ComponentType::U8, false});
-    for (const FilterCase& filter : Filters()) {
-        SCOPED_TRACE(filter.key);
-        Document document(before);
-        bf::Settings settings = Defaults(filter);
-        bf::Host::Get().set_faults({.refuse_lock = 1});
-        EXPECT_EQ(bf::ApplyFilter(Record(filter), document, settings), KPX_WORKER_STOPPED);
-        EXPECT_TRUE(SamePixels(document.image(), before));
-    }
-}
-
-TEST_F(ConvolutionTest, NoMemoryForTheConvolutionIsAFault) {
-    const Image before = bf::test::RandomImage({6, 6, 3, ComponentType::U8, false});
-    Document document(before);
-    bf::Settings settings = Defaults(Case("emboss"));
-    bf::Host::Get().set_faults({.refuse_alloc = 1});  // the first allocation of the run
-    EXPECT_EQ(bf::ApplyFilter(Record(Case("emboss")), document, settings), KPX_NO_MEMORY);
-    EXPECT_TRUE(SamePixels(document.image(), before));
+    for (const FilterCase& filter : Filters())
+        for (bool lock : {true, false}) {
+            if (!lock && filter.key != std::string_view("emboss")) continue;
+            SCOPED_TRACE(std::string(filter.key) + (lock ? " lock" : " allocation"));
+            Document document(before);
+            bf::Settings settings = Defaults(filter);
+            bf::Host::Get().set_faults(lock ? bf::Faults{.refuse_lock = 1}
+                                            : bf::Faults{.refuse_alloc = 1});
+            EXPECT_EQ(bf::ApplyFilter(Record(filter), document, settings),
+                      lock ? KPX_WORKER_STOPPED : KPX_NO_MEMORY);
+            EXPECT_TRUE(SamePixels(document.image(), before));
+        }
 }
 
 // ---- the preview paths -------------------------------------------------------------------
@@ -524,12 +384,23 @@ protected:
     std::vector<std::byte> pixels_;
 };
 
+// A tile of the area's size is filled directly, and so is one where one side
+// alone differs: the area goes straight into the tile, here wide enough.
 TEST_F(ConvolutionPreview, ATileOfTheAreasSizeIsFilledDirectly) {
+    const Image expected = Expected();
     ASSERT_EQ(Run({0, 0, 12, 8}, 0, 0, nullptr), KPX_OK);
     EXPECT_EQ(PreviewCalls(), std::vector<std::string>{});
-    EXPECT_EQ(pixels_, Expected().pixels);
+    EXPECT_EQ(pixels_, expected.pixels);
+
+    const RECT32 area{0, 0, 8, 8};
+    ASSERT_EQ(Run({0, 0, 12, 8}, 0, 0, &area), KPX_OK);
+    EXPECT_EQ(PreviewCalls(), std::vector<std::string>{});
+    for (int y = 0; y < 8; ++y)
+        EXPECT_EQ(std::memcmp(pixels_.data() + y * 36, expected.line(y), 8 * 3), 0) << y;
 }
 
+// A smaller tile gets the full-size result scaled; a refused full-size tile
+// is a fault.
 TEST_F(ConvolutionPreview, ASmallerTileGetsTheFullSizeResultScaled) {
     ASSERT_EQ(Run({0, 0, 12, 8}, 6, 4, nullptr), KPX_OK);
     const std::vector<std::string> expected{"ObtainTile 0 0 12 8 0 0 512 0",
@@ -543,41 +414,17 @@ TEST_F(ConvolutionPreview, ASmallerTileGetsTheFullSizeResultScaled) {
                     scaled.data(), 18, 6, 4),
               KPX_OK);
     EXPECT_EQ(pixels_, scaled);
-}
 
-// One side alone differing still takes the direct path: the area goes
-// straight into the tile, which here is wide enough to hold it.
-TEST_F(ConvolutionPreview, OneSideDifferingStillFillsTheTileDirectly) {
-    const RECT32 area{0, 0, 8, 8};
-    ASSERT_EQ(Run({0, 0, 12, 8}, 0, 0, &area), KPX_OK);
-    EXPECT_EQ(PreviewCalls(), std::vector<std::string>{});
-    const Image expected = Expected();
-    for (int y = 0; y < 8; ++y)
-        EXPECT_EQ(std::memcmp(pixels_.data() + y * 36, expected.line(y), 8 * 3), 0) << y;
-}
-
-TEST_F(ConvolutionPreview, ARefusedFullSizeTileIsAFault) {
     EXPECT_EQ(Run({0, 0, 12, 8}, 6, 4, nullptr, {.refuse_tile = 1}), KPX_NO_MEMORY);
     EXPECT_EQ(calls_, std::vector<std::string>{"ObtainTile 0 0 12 8 0 0 512 0"});
 }
 
 // ---- dialogs -----------------------------------------------------------------------------
 
-const bf::GadgetInfo& Gadget(const std::vector<bf::GadgetInfo>& gadgets, int32_t id) {
-    for (const bf::GadgetInfo& gadget : gadgets)
-        if (gadget.id == id) return gadget;
-    throw std::invalid_argument("no gadget " + std::to_string(id));
-}
-
 bf::DialogScript Script(std::vector<bf::GadgetChange> changes) {
     bf::DialogScript script;
     script.changes = std::move(changes);
     return script;
-}
-
-bool HasGadget(const std::vector<bf::GadgetInfo>& gadgets, int32_t id) {
-    return std::any_of(gadgets.begin(), gadgets.end(),
-                       [id](const bf::GadgetInfo& g) { return g.id == id; });
 }
 
 class ConvolutionDialog : public ConvolutionTest {
@@ -642,7 +489,7 @@ TEST_F(ConvolutionDialog, ThePreviewRunsTheFilter) {
     ASSERT_EQ(bf::RunDialog(Record(sharpen), document, settings,
                             Script({{"kernel", "1"}, {"strength", "100"}}), &gadgets),
               0);
-    const bf::GadgetInfo& area = Gadget(gadgets, 10059);
+    const bf::GadgetInfo& area = GadgetById(gadgets, 10059);
     ASSERT_TRUE(area.drawn.has_value());
     const Kernel k{3, 3, 1, 1, {-1, -2, -1, -2, 13, -2, -1, -2, -1}};
     const Image expected =
@@ -672,9 +519,9 @@ TEST_F(ConvolutionDialog, TheMatrixEditorKeepsItsCellMapping) {
     int cells = 0;
     for (const bf::GadgetInfo& gadget : gadgets) cells += gadget.id >= 10193 ? 1 : 0;
     EXPECT_EQ(cells, 15);
-    EXPECT_FALSE(HasGadget(gadgets, 10196));       // c + 5r is never 3
-    EXPECT_EQ(Gadget(gadgets, 10199).value, 2.0);  // row 1, column 1: weight 4
-    EXPECT_EQ(Gadget(gadgets, 10198).value, 1.0);  // row 1, column 0: weight 3
+    EXPECT_THROW(GadgetById(gadgets, 10196), std::invalid_argument);  // c + 5r is never 3
+    EXPECT_EQ(GadgetById(gadgets, 10199).value, 2.0);                 // row 1, column 1: weight 4
+    EXPECT_EQ(GadgetById(gadgets, 10198).value, 1.0);                 // row 1, column 0: weight 3
     EXPECT_EQ(Get<float>(settings, kMatrixWeights + 4 * 6), 4.0f);
     EXPECT_EQ(Get<float>(settings, kMatrixWeights + 4 * 4), 2.0f);
     EXPECT_EQ(Get<float>(settings, kMatrixWeights + 4 * 22), 0.0f);

@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -24,6 +23,7 @@ namespace {
 using bf::ComponentType;
 using bf::Document;
 using bf::Image;
+using bf::test::kTypeOf;
 
 struct HslRecord {
     uint32_t code;
@@ -57,11 +57,6 @@ int32_t Apply(Document& document, const Params& p) {
     bf::Settings settings = SettingsWith(p);
     return bf::ApplyFilter(Hsl(), document, settings);
 }
-
-template <class T>
-constexpr ComponentType kTypeOf = std::is_same_v<T, uint8_t>    ? ComponentType::U8
-                                  : std::is_same_v<T, uint16_t> ? ComponentType::U16
-                                                                : ComponentType::F32;
 
 // ---- the colour model, written out plainly -------------------------------------------
 
@@ -133,12 +128,12 @@ class HslPixels : public testing::Test {};
 using ComponentTypes = testing::Types<uint8_t, uint16_t, float>;
 TYPED_TEST_SUITE(HslPixels, ComponentTypes);
 
+// Neutral settings, saturation -100 (grey at the own lightness) and colorize among them.
 TYPED_TEST(HslPixels, MatchTheColourModelWithAndWithoutAlpha) {
     using T = TypeParam;
-    const Params cases[] = {
-        {30, 20, -10, false}, {-120, -40, 35, false}, {179, 100, 100, false},
-        {0, -100, 20, false}, {45, 60, -50, true},    {-180, -30, 0, true},
-    };
+    const Params cases[] = {{0, 0, 0, false},       {30, 20, -10, false}, {-120, -40, 35, false},
+                            {179, 100, 100, false}, {0, -100, 20, false}, {0, -100, 0, false},
+                            {45, 60, -50, true},    {-180, -30, 0, true}};
     for (const Params& p : cases)
         for (bool alpha : {false, true}) {
             SCOPED_TRACE(testing::Message() << "hue " << p.hue << " saturation " << p.saturation
@@ -152,37 +147,8 @@ TYPED_TEST(HslPixels, MatchTheColourModelWithAndWithoutAlpha) {
         }
 }
 
-TEST(HslColour, NeutralSettingsKeepEightBitPixelsUpToTruncation) {
-    const Image before = bf::test::RandomImage({64, 16, 3, ComponentType::U8, false});
-    Document document(before);
-    ASSERT_EQ(Apply(document, {}), KPX_OK);
-    const Image after = document.image();
-    for (std::size_t i = 0; i < before.pixels.size(); ++i) {
-        const int in = int(before.pixels[i]), out = int(after.pixels[i]);
-        ASSERT_TRUE(out == in || out == in - 1) << i << ": " << in << " -> " << out;
-    }
-}
-
-TEST(HslColour, SaturationMinus100GivesGreyAtTheOwnLightness) {
-    const Image before = bf::test::RandomImage({16, 8, 3, ComponentType::U16, false});
-    Document document(before);
-    ASSERT_EQ(Apply(document, {0, -100, 0, false}), KPX_OK);
-    const Image after = document.image();
-    for (int y = 0; y < 8; ++y)
-        for (int x = 0; x < 16; ++x) {
-            const uint16_t* in = before.line_as<uint16_t>(y) + 3 * x;
-            const uint16_t* out = after.line_as<uint16_t>(y) + 3 * x;
-            const double hi = std::max({in[0], in[1], in[2]}) / 65535.0;
-            const double lo = std::min({in[0], in[1], in[2]}) / 65535.0;
-            const auto grey = uint16_t(std::trunc((hi == lo ? hi : (hi + lo) / 2) * 65535));
-            ASSERT_EQ(out[0], grey);
-            ASSERT_EQ(out[1], grey);
-            ASSERT_EQ(out[2], grey);
-        }
-}
-
+// Four colours, one colour with alpha, a single component: all left as they were.
 TEST(HslColour, OnlyImagesWithThreeColourComponentsAreConverted) {
-    // Four colours, one colour with alpha, a single component: all left as they were.
     const bf::ImageFormat formats[] = {
         {9, 5, 4, ComponentType::U8, false},
         {9, 5, 2, ComponentType::U16, true},
@@ -217,28 +183,13 @@ protected:
     }
 };
 
-TEST_F(HslCalls, ColorizeMeasuresHueFromMinus180) {
-    const HslRecord r = Prepared({0, 0, 0, true});
-    EXPECT_EQ(r.hue_base, 3);
-    EXPECT_EQ(r.saturation_factor, 0.5);
-    EXPECT_EQ(r.lightness_factor, 1);
-    EXPECT_EQ(r.lightness_add, 0);
-    EXPECT_EQ(r.hue_active, 0);
-}
-
-TEST_F(HslCalls, PositiveValuesMoveTowardsOneNegativeOnesScale) {
-    const HslRecord up = Prepared({-90, 40, 25, false});
-    EXPECT_EQ(up.hue_base, -1.5);
-    EXPECT_EQ(up.saturation_add, 0.4);
-    EXPECT_EQ(up.saturation_factor, 1 - 0.4);
-    EXPECT_EQ(up.lightness_add, 0.25);
-    EXPECT_EQ(up.lightness_factor, 0.75);
-    EXPECT_EQ(up.hue_active + up.saturation_active + up.lightness_active, 3);
-
-    const HslRecord down = Prepared({0, -40, std::nan(""), false});
-    EXPECT_EQ(down.saturation_add, 0);
-    EXPECT_EQ(down.saturation_factor, 0.6);
-    EXPECT_EQ(down.lightness_active, 1);  // NaN counts as set
+// Colorize measures hue from -180; a NaN lightness counts as set.
+TEST_F(HslCalls, ColorizeMeasuresHueFromMinus180AndNaNCountsAsSet) {
+    const HslRecord colorize = Prepared({0, 0, 0, true});
+    EXPECT_EQ(colorize.hue_base, 3);
+    EXPECT_EQ(colorize.saturation_factor, 0.5);
+    EXPECT_EQ(colorize.hue_active, 0);
+    EXPECT_EQ(Prepared({-90, 40, std::nan(""), false}).lightness_active, 1);
 }
 
 TEST_F(HslCalls, StoredHueOf180IsRefusedAndColorizeTakenAsStored) {
@@ -282,27 +233,27 @@ TEST_F(HslCalls, PrepareRefusesForeignSettingsAndOtherComponentTypes) {
     }
 }
 
+// Each cell reads its source at the cell's size; a refused source tile
+// stops the run with the document as it was.
 TEST_F(HslCalls, EachCellReadsItsSourceAtTheCellSize) {
     const Image before = bf::test::RandomImage({10, 4, 3, ComponentType::U8, false});
-    Document document(before, 8, 4);
     bf::Host& host = bf::Host::Get();
-    host.take_calls();
-    host.set_recording(true);
-    ASSERT_EQ(Apply(document, {20, 0, 0, false}), KPX_OK);
-    host.set_recording(false);
-    const std::vector<std::string> expected{
-        "ObtainTile 0 0 8 4 0 0 514 0",  "ObtainTile 0 0 8 4 8 4 513 0",
-        "ReleaseTile 0 0 8 4 0",         "ReleaseTile 0 0 8 4 1",
-        "ObtainTile 8 0 10 4 0 0 514 0", "ObtainTile 8 0 10 4 2 4 513 0",
-        "ReleaseTile 8 0 10 4 0",        "ReleaseTile 8 0 10 4 1",
-    };
-    EXPECT_EQ(bf::FormatCalls(host.take_calls(), {"ObtainTile", "ReleaseTile"}), expected);
-}
-
-TEST_F(HslCalls, ARefusedSourceTileStopsWithMinusTwoAndChangesNothing) {
-    const Image before = bf::test::RandomImage({10, 4, 3, ComponentType::U8, false});
+    {
+        Document document(before, 8, 4);
+        host.take_calls();
+        host.set_recording(true);
+        ASSERT_EQ(Apply(document, {20, 0, 0, false}), KPX_OK);
+        host.set_recording(false);
+        const std::vector<std::string> expected{
+            "ObtainTile 0 0 8 4 0 0 514 0",  "ObtainTile 0 0 8 4 8 4 513 0",
+            "ReleaseTile 0 0 8 4 0",         "ReleaseTile 0 0 8 4 1",
+            "ObtainTile 8 0 10 4 0 0 514 0", "ObtainTile 8 0 10 4 2 4 513 0",
+            "ReleaseTile 8 0 10 4 0",        "ReleaseTile 8 0 10 4 1",
+        };
+        EXPECT_EQ(bf::FormatCalls(host.take_calls(), {"ObtainTile", "ReleaseTile"}), expected);
+    }
     Document document(before, 8, 4);
-    bf::Host::Get().set_faults({.refuse_tile = 2});
+    host.set_faults({.refuse_tile = 2});
     EXPECT_EQ(Apply(document, {20, 0, 0, false}), KPX_NO_MEMORY);
     EXPECT_EQ(document.image().pixels, before.pixels);
     EXPECT_FALSE(document.can_undo());
@@ -332,12 +283,6 @@ TEST_F(HslCalls, ContainerValuesAreClampedAndKeepTheirEnds) {
 
 // ---- dialog ---------------------------------------------------------------------------------
 
-const bf::GadgetInfo& Gadget(const std::vector<bf::GadgetInfo>& gadgets, int32_t id) {
-    for (const bf::GadgetInfo& gadget : gadgets)
-        if (gadget.id == id) return gadget;
-    throw std::invalid_argument("no gadget " + std::to_string(id));
-}
-
 TEST_F(HslCalls, TheDialogEditsTheSettingsAndPreviewsThem) {
     bf::SetPreference(KPX_PREFERENCES_ID, 6, true);
     const Image image = bf::test::RandomImage({10, 8, 3, ComponentType::U16, false}, 8);
@@ -352,15 +297,7 @@ TEST_F(HslCalls, TheDialogEditsTheSettingsAndPreviewsThem) {
     EXPECT_EQ(r->hue, -180);
     EXPECT_EQ(r->saturation, 30);
     EXPECT_EQ(r->lightness, -15);
-    for (auto [id, limit] :
-         {std::pair{10224, 180.0}, std::pair{10225, 100.0}, std::pair{10226, 100.0}}) {
-        const bf::GadgetInfo& gadget = Gadget(gadgets, id);
-        EXPECT_EQ(gadget.min, -limit);
-        EXPECT_EQ(gadget.max, limit);
-        EXPECT_EQ(gadget.step, 1);
-        EXPECT_EQ(gadget.format, KPX_FORMAT_REAL);
-    }
-    const bf::GadgetInfo& area = Gadget(gadgets, 10229);
+    const bf::GadgetInfo& area = bf::test::GadgetById(gadgets, 10229);
     ASSERT_TRUE(area.drawn.has_value());
     EXPECT_EQ(area.drawn->pixels, Expected<uint16_t>(image, {-180, 30, -15, false}).pixels);
     EXPECT_EQ(document.image().pixels, image.pixels);

@@ -20,7 +20,7 @@ using Calls = std::vector<std::string>;
 class LineFetch : public testing::Test {
 protected:
     static void SetUpTestSuite() { bf::test::StartedModule(); }
-
+    void SetUp() override { Open(); }
     void TearDown() override {
         host().set_recording(false);
         host().set_faults({});
@@ -28,8 +28,9 @@ protected:
 
     static bf::Host& host() { return bf::Host::Get(); }
 
-    // A 32×40 picture in a grid of 16×8 tiles.
+    // A 32×40 picture in a grid of 16×8 tiles, 8-bit RGBA unless told otherwise.
     void Open(bf::ComponentType type = bf::ComponentType::U8, int components = 4) {
+        application_.reset();
         image_ = bf::test::RandomImage({32, 40, components, type, components == 4}, 5);
         document_ = std::make_unique<bf::Document>(image_, 16, 8);
         application_ = std::make_unique<bf::Application>(*document_);
@@ -53,6 +54,23 @@ protected:
         application_.reset();
         return document_->image();
     }
+    // Fetches rows 0 and 8 as `mode`, overwrites them, releases them or not,
+    // frees the fetcher and gives back the tile traffic.
+    Calls Overwrite(int32_t mode, int32_t flags, bool release, int32_t discard) {
+        kpx::LineFetcher* fetcher = kpx::CreateLineFetcher(info(), 0, 32, 0, mode, nullptr, flags);
+        for (int y : {0, 8}) {
+            auto* line = static_cast<std::byte*>(kpx::FetchLine(fetcher, y));
+            EXPECT_NE(line, nullptr);
+            if (!line) continue;
+            if (mode != KPX_TILE_WRITE) {  // read in
+                EXPECT_EQ(std::memcmp(line, Pixel(0, y), 32 * 4), 0);
+            }
+            std::memset(line, 0x5A, 32 * 4);
+            if (release) kpx::ReleaseLine(fetcher, y);
+        }
+        kpx::FreeLineFetcher(fetcher, discard);
+        return TileCalls();
+    }
     void ExpectAllGivenBack() const {
         EXPECT_EQ(application_->live_tiles(), 0);
         EXPECT_EQ(host().live_allocations(), allocations_);
@@ -65,7 +83,6 @@ protected:
 };
 
 TEST_F(LineFetch, WalkingDownObtainsOneStripPerTileRow) {
-    Open();
     kpx::LineFetcher* fetcher = kpx::CreateLineFetcher(info(), 4, 28, 2, KPX_TILE_READ, nullptr, 0);
     ASSERT_NE(fetcher, nullptr);
     for (int y = 0; y < 40; ++y) {
@@ -76,16 +93,17 @@ TEST_F(LineFetch, WalkingDownObtainsOneStripPerTileRow) {
     }
     kpx::FreeLineFetcher(fetcher, 0);
     // Each idle strip goes back when the walk passes it; `extra` reaches the host.
-    EXPECT_EQ(TileCalls(), (Calls{"ObtainTile 4 0 28 8 0 0 513 2", "ReleaseTile 4 0 28 8 0",
-                                  "ObtainTile 4 8 28 16 0 0 513 2", "ReleaseTile 4 8 28 16 0",
-                                  "ObtainTile 4 16 28 24 0 0 513 2", "ReleaseTile 4 16 28 24 0",
-                                  "ObtainTile 4 24 28 32 0 0 513 2", "ReleaseTile 4 24 28 32 0",
-                                  "ObtainTile 4 32 28 40 0 0 513 2", "ReleaseTile 4 32 28 40 0"}));
+    Calls expected;
+    for (int y = 0; y < 40; y += 8) {
+        const std::string rect = "4 " + std::to_string(y) + " 28 " + std::to_string(y + 8);
+        expected.insert(expected.end(),
+                        {"ObtainTile " + rect + " 0 0 513 2", "ReleaseTile " + rect + " 0"});
+    }
+    EXPECT_EQ(TileCalls(), expected);
     ExpectAllGivenBack();
 }
 
 TEST_F(LineFetch, StripInUseStaysUntilItsLastRowIsReleased) {
-    Open();
     kpx::LineFetcher* fetcher = kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_READ, nullptr, 0);
     // Strips start at the row that missed.
     void* first = kpx::FetchLine(fetcher, 3);
@@ -96,6 +114,9 @@ TEST_F(LineFetch, StripInUseStaysUntilItsLastRowIsReleased) {
               (Calls{"ObtainTile 0 3 32 11 0 0 513 0", "ObtainTile 0 12 32 20 0 0 513 0"}));
 
     kpx::ReleaseLine(fetcher, 3);  // now idle: moved in front and given back on the next miss
+    ASSERT_NE(kpx::FetchLine(fetcher, 10), nullptr);  // ...unless a hit revives it first
+    kpx::ReleaseLine(fetcher, 10);
+    EXPECT_EQ(TileCalls(), Calls{});
     ASSERT_NE(kpx::FetchLine(fetcher, 25), nullptr);
     EXPECT_EQ(TileCalls(), (Calls{"ReleaseTile 0 3 32 11 0", "ObtainTile 0 25 32 33 0 0 513 0"}));
 
@@ -106,18 +127,7 @@ TEST_F(LineFetch, StripInUseStaysUntilItsLastRowIsReleased) {
     ExpectAllGivenBack();
 }
 
-TEST_F(LineFetch, IdleStripIsRevivedByAHit) {
-    Open();
-    kpx::LineFetcher* fetcher = kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_READ, nullptr, 0);
-    kpx::FetchLine(fetcher, 0);
-    kpx::ReleaseLine(fetcher, 0);
-    EXPECT_NE(kpx::FetchLine(fetcher, 7), nullptr);
-    kpx::FreeLineFetcher(fetcher, 0);
-    EXPECT_EQ(TileCalls(), (Calls{"ObtainTile 0 0 32 8 0 0 513 0", "ReleaseTile 0 0 32 8 0"}));
-}
-
 TEST_F(LineFetch, PresetTileServesItsOwnRowsOnly) {
-    Open();
     kpx::TileLease tile(info(), {2, 4, 30, 12}, KPX_TILE_READ);
     ASSERT_TRUE(tile);
     host().take_calls();
@@ -143,58 +153,33 @@ TEST_F(LineFetch, PresetTileServesItsOwnRowsOnly) {
     ExpectAllGivenBack();
 }
 
-TEST_F(LineFetch, ScratchStripIsReadWriteButNeverWrittenBack) {
-    Open();
-    kpx::LineFetcher* fetcher =
-        kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_SCRATCH, nullptr, kpx::kFetchNotify);
-    auto* line = static_cast<std::byte*>(kpx::FetchLine(fetcher, 0));
-    ASSERT_NE(line, nullptr);
-    EXPECT_EQ(std::memcmp(line, Pixel(0, 0), 32 * 4), 0);  // read in
-    std::memset(line, 0x5A, 32 * 4);
-    kpx::ReleaseLine(fetcher, 0);
-    ASSERT_NE(kpx::FetchLine(fetcher, 8), nullptr);
-    kpx::FreeLineFetcher(fetcher, 0);
-    EXPECT_EQ(TileCalls(), (Calls{"ObtainTile 0 0 32 8 0 0 515 0", "ReleaseTile 0 0 32 8 0",
-                                  "ObtainTile 0 8 32 16 0 0 515 0", "ReleaseTile 0 8 32 16 0"}));
+// Scratch strips are read in but never written back; written strips go back
+// with a notify each when asked for; a discarding free gives every strip back
+// unwritten, the last obtained first.
+TEST_F(LineFetch, WriteBackFollowsTheAccessModeAndTheFreeing) {
+    EXPECT_EQ(Overwrite(KPX_TILE_SCRATCH, kpx::kFetchNotify, true, 0),
+              (Calls{"ObtainTile 0 0 32 8 0 0 515 0", "ReleaseTile 0 0 32 8 0",
+                     "ObtainTile 0 8 32 16 0 0 515 0", "ReleaseTile 0 8 32 16 0"}));
     EXPECT_EQ(Committed().pixels, image_.pixels);
-}
 
-TEST_F(LineFetch, WrittenStripsGoBackWithANotifyEach) {
     Open();
-    kpx::LineFetcher* fetcher =
-        kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_READWRITE, nullptr, kpx::kFetchNotify);
-    for (int y : {0, 8}) {
-        auto* line = static_cast<std::byte*>(kpx::FetchLine(fetcher, y));
-        ASSERT_NE(line, nullptr);
-        std::memset(line, 0x5A, 32 * 4);
-        kpx::ReleaseLine(fetcher, y);
-    }
-    kpx::FreeLineFetcher(fetcher, 0);
-    EXPECT_EQ(TileCalls(), (Calls{"ObtainTile 0 0 32 8 0 0 515 0", "ReleaseTile 0 0 32 8 1",
-                                  "NotifyBitmapChanged", "ObtainTile 0 8 32 16 0 0 515 0",
-                                  "ReleaseTile 0 8 32 16 1", "NotifyBitmapChanged"}));
+    EXPECT_EQ(Overwrite(KPX_TILE_READWRITE, kpx::kFetchNotify, true, 0),
+              (Calls{"ObtainTile 0 0 32 8 0 0 515 0", "ReleaseTile 0 0 32 8 1",
+                     "NotifyBitmapChanged", "ObtainTile 0 8 32 16 0 0 515 0",
+                     "ReleaseTile 0 8 32 16 1", "NotifyBitmapChanged"}));
     const bf::Image result = Committed();
     for (int y : {0, 8}) EXPECT_EQ(result.line(y)[17], std::byte{0x5A}) << "row " << y;
     EXPECT_EQ(std::memcmp(result.line(1), image_.line(1), 32 * 4), 0);
-}
 
-TEST_F(LineFetch, WriteBackWithoutNotifyFlag) {
     Open();
-    kpx::LineFetcher* fetcher =
-        kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_WRITE, nullptr, 0);
-    ASSERT_NE(kpx::FetchLine(fetcher, 0), nullptr);
-    kpx::FreeLineFetcher(fetcher, 0);
-    EXPECT_EQ(TileCalls(), (Calls{"ObtainTile 0 0 32 8 0 0 514 0", "ReleaseTile 0 0 32 8 1"}));
-}
+    EXPECT_EQ(Overwrite(KPX_TILE_WRITE, 0, true, 0),
+              (Calls{"ObtainTile 0 0 32 8 0 0 514 0", "ReleaseTile 0 0 32 8 1",
+                     "ObtainTile 0 8 32 16 0 0 514 0", "ReleaseTile 0 8 32 16 1"}));
 
-TEST_F(LineFetch, DiscardGivesEveryStripBackUnwritten) {
     Open();
-    kpx::LineFetcher* fetcher =
-        kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_READWRITE, nullptr, kpx::kFetchNotify);
-    for (int y : {0, 8}) std::memset(kpx::FetchLine(fetcher, y), 0x5A, 32 * 4);  // both held
-    kpx::FreeLineFetcher(fetcher, 1);
-    EXPECT_EQ(TileCalls(), (Calls{"ObtainTile 0 0 32 8 0 0 515 0", "ObtainTile 0 8 32 16 0 0 515 0",
-                                  "ReleaseTile 0 8 32 16 0", "ReleaseTile 0 0 32 8 0"}));
+    EXPECT_EQ(Overwrite(KPX_TILE_READWRITE, kpx::kFetchNotify, false, 1),  // both still held
+              (Calls{"ObtainTile 0 0 32 8 0 0 515 0", "ObtainTile 0 8 32 16 0 0 515 0",
+                     "ReleaseTile 0 8 32 16 0", "ReleaseTile 0 0 32 8 0"}));
     EXPECT_EQ(Committed().pixels, image_.pixels);
 }
 
@@ -223,7 +208,6 @@ TEST_F(LineFetch, ColumnsComeFromStripsOneTileWide) {
 }
 
 TEST_F(LineFetch, RefusedResourcesGiveNull) {
-    Open();
     host().set_faults({.refuse_alloc = 1});  // the fetcher record
     EXPECT_EQ(kpx::CreateLineFetcher(info(), 0, 32, 0, KPX_TILE_READ, nullptr, 0), nullptr);
 
@@ -248,44 +232,34 @@ TEST_F(LineFetch, RefusedResourcesGiveNull) {
     ExpectAllGivenBack();
 }
 
-// ---- premultiplication -------------------------------------------------------
-
+// Premultiplication of 8-bit lines, alpha first; opaque pixels stay as they are.
 uint8_t Premultiplied(uint8_t colour, uint8_t alpha) {
     const int t = colour * alpha;
     return uint8_t((t + ((t + 128) >> 8) + 129) >> 8);
 }
 
-TEST(PremultiplyLine, ScalesColourByAlpha) {
-    std::vector<uint8_t> pixels{255, 10,  200, 77,   // opaque: untouched
-                                0,   10,  200, 255,  // transparent: all colour 0
-                                128, 255, 0,   1,    // half
-                                1,   127, 126, 0,    // the bias of 129 lifts 127 × 1 to 1
-                                9,   9,   9,   9};   // not in `count`
-    kpx::PremultiplyLine(pixels.data(), 4, 4, 4);
-    EXPECT_EQ(pixels, (std::vector<uint8_t>{255, 10, 200, 77, 0, 0, 0, 0, 128, 128,
-                                            0,   1,  1,   1,  0, 0, 9, 9, 9,   9}));
-    kpx::PremultiplyLine(pixels.data() + 16, 0, 4, 4);
-    kpx::PremultiplyLine(pixels.data() + 16, -1, 4, 4);
-    EXPECT_EQ(pixels[17], 9);
-}
-
-TEST(PremultiplyLine, LongPixelsMatchTheFormulaOnBothPaths) {
+TEST(PremultiplyLine, MatchesTheFormulaOnBothPaths) {
+    // The bias of 129 lifts 127 × 1 to 1; half of 255 is 128.
+    ASSERT_EQ(Premultiplied(127, 1), 1);
+    ASSERT_EQ(Premultiplied(255, 128), 128);
     std::mt19937 random(3);
     // 16 colour bytes and more go 16 at a time, the rest byte by byte.
     for (int components : {4, 16, 17, 20, 33, 40}) {
         const int stride = components + 3;  // spare bytes between pixels stay alone
-        const int count = 50;
+        const int count = 50;               // the last pixel is past `count`
         std::vector<uint8_t> pixels(std::size_t(stride) * count);
         for (uint8_t& byte : pixels) byte = uint8_t(random());
         pixels[0] = 255;
         pixels[stride] = 0;
         std::vector<uint8_t> expected = pixels;
-        for (int n = 0; n < count; ++n) {
+        kpx::PremultiplyLine(pixels.data(), 0, components, stride);  // both do nothing
+        kpx::PremultiplyLine(pixels.data(), -1, components, stride);
+        for (int n = 0; n < count - 1; ++n) {
             uint8_t* pixel = expected.data() + n * stride;
             if (pixel[0] == 255) continue;
             for (int c = 1; c < components; ++c) pixel[c] = Premultiplied(pixel[c], pixel[0]);
         }
-        kpx::PremultiplyLine(pixels.data(), count, components, stride);
+        kpx::PremultiplyLine(pixels.data(), count - 1, components, stride);
         EXPECT_EQ(pixels, expected) << components << " components";
     }
 }

@@ -82,8 +82,8 @@ Range SourceRange(int i, int target, int source) {
 
 // A per-pixel reference: the mean of the source rectangle, summed in raster order.
 template <class T>
-Pixels<T> Reference(const Pixels<T>& src, int width, int height) {
-    Pixels<T> dst(width, height, src.components);
+Pixels<T> Reference(const Pixels<T>& src, int width, int height, int pad) {
+    Pixels<T> dst(width, height, src.components, pad);
     for (int j = 0; j < height; ++j) {
         const Range ys = SourceRange(j, height, src.height);
         for (int i = 0; i < width; ++i) {
@@ -103,58 +103,17 @@ Pixels<T> Reference(const Pixels<T>& src, int width, int height) {
     return dst;
 }
 
-template <class T>
-void ExpectSamePixels(const Pixels<T>& actual, const Pixels<T>& expected) {
-    for (int y = 0; y < expected.height; ++y)
-        for (int x = 0; x < expected.width; ++x)
-            for (int c = 0; c < expected.components; ++c)
-                ASSERT_EQ(actual.at(x, y, c), expected.at(x, y, c))
-                    << "pixel " << x << "," << y << " component " << c;
+// One hand-worked case pins the rounding the reference below is written with:
+// 4×2 → 2×3, x averages pairs (0.5 and 15.5 round up once), y picks rows 0, 0, 1.
+TEST(Scaler, HandWorkedCase) {
+    EXPECT_EQ(Scaled(Pixels<uint8_t>(4, 2, 1, {0, 1, 10, 21, 100, 102, 200, 200}), 2, 3).data,
+              (std::vector<uint8_t>{1, 16, 1, 16, 101, 200}));
 }
 
-TEST(Scaler, ReductionRoundsTheBoxMeanHalfUpOnce) {
-    // 4×2 → 2×1: each output is the mean of a 2×2 box; 0.5 and 10.5 round up.
-    const Pixels<uint8_t> u8(4, 2, 1, {0, 1, 10, 11, 1, 0, 10, 11});
-    EXPECT_EQ(Scaled(u8, 2, 1).data, (std::vector<uint8_t>{1, 11}));
-
-    const Pixels<uint16_t> u16(3, 1, 1, {65535, 65535, 65534});
-    EXPECT_EQ(Scaled(u16, 1, 1).data, (std::vector<uint16_t>{65535}));
-    const Pixels<uint16_t> pair(4, 1, 1, {1, 2, 1, 1});
-    EXPECT_EQ(Scaled(pair, 2, 1).data, (std::vector<uint16_t>{2, 1}));  // 1.5 up, 1 stays
-}
-
-TEST(Scaler, NonIntegerRatioSplitsSourceByFlooredBounds) {
-    // 7 → 3: sources 0-1, 2-3 and 4-6.
-    const Pixels<uint8_t> row(7, 1, 1, {1, 2, 4, 8, 16, 32, 64});
-    EXPECT_EQ(Scaled(row, 3, 1).data, (std::vector<uint8_t>{2, 6, 37}));
-    // The same along y.
-    const Pixels<uint8_t> column(1, 7, 1, {1, 2, 4, 8, 16, 32, 64});
-    EXPECT_EQ(Scaled(column, 1, 3).data, (std::vector<uint8_t>{2, 6, 37}));
-}
-
-TEST(Scaler, EnlargementRepeatsTheNearestPixelBelow) {
-    // 3 → 7 picks source floor(j × 3 / 7): 0 0 0 1 1 2 2.
-    const Pixels<uint16_t> row(3, 1, 1, {10, 20, 30});
-    EXPECT_EQ(Scaled(row, 7, 1).data, (std::vector<uint16_t>{10, 10, 10, 20, 20, 30, 30}));
-    const Pixels<uint16_t> column(1, 3, 1, {10, 20, 30});
-    EXPECT_EQ(Scaled(column, 1, 7).data, (std::vector<uint16_t>{10, 10, 10, 20, 20, 30, 30}));
-}
-
-TEST(Scaler, ReducesOneAxisWhileEnlargingTheOther) {
-    // 4×2 → 2×3: x averages pairs, y picks rows 0, 0, 1.
-    const Pixels<uint8_t> src(4, 2, 1, {0, 2, 10, 21, 100, 102, 200, 200});
-    EXPECT_EQ(Scaled(src, 2, 3).data,
-              (std::vector<uint8_t>{1, 16, 1, 16, 101, 200}));  // 15.5 rounds up to 16
-}
-
-TEST(Scaler, FloatSumsInDoubleAndAveragesAlphaLikeColour) {
+TEST(Scaler, FloatSumsInDouble) {
     // A float sum would lose the ones next to 1e8 and give 0.25.
     const Pixels<float> big(4, 1, 1, {1e8f, 1.0f, -1e8f, 1.0f});
     EXPECT_EQ(Scaled(big, 1, 1).data, (std::vector<float>{0.5f}));
-
-    const Pixels<float> pixels(3, 1, 2, {0.1f, 1.0f, 0.2f, 0.5f, 0.3f, 0.0f});
-    const double colour = (double(0.1f) + double(0.2f) + double(0.3f)) / 3;
-    EXPECT_EQ(Scaled(pixels, 1, 1).data, (std::vector<float>{float(colour), 0.5f}));
 }
 
 TEST(Scaler, IntegerSumsDoNotOverflowOnLargeBoxes) {
@@ -172,14 +131,9 @@ TEST(Scaler, EqualSizeCopiesAndLeavesLinePaddingAlone) {
     Pixels<float> dst(5, 4, 3, 2);
     std::fill(dst.data.begin(), dst.data.end(), -7.0f);
     ASSERT_EQ(Scale(src, dst), KPX_OK);
-    for (int y = 0; y < 4; ++y) {
-        for (int k = 0; k < 15; ++k) {
-            const float in = src.data[std::size_t(y) * 17 + k];
-            const float out = dst.data[std::size_t(y) * 17 + k];
-            EXPECT_TRUE(in == out || (std::isnan(in) && std::isnan(out)));
-        }
-        EXPECT_EQ(dst.data[std::size_t(y) * 17 + 15], -7.0f);
-        EXPECT_EQ(dst.data[std::size_t(y) * 17 + 16], -7.0f);
+    for (std::size_t k = 0; k < dst.data.size(); ++k) {
+        const float in = k % 17 < 15 ? src.data[k] : -7.0f;  // the padding stays as it was
+        EXPECT_TRUE(dst.data[k] == in || (std::isnan(in) && std::isnan(dst.data[k]))) << k;
     }
 }
 
@@ -213,18 +167,14 @@ void CompareWithReference() {
             Fill(src, seed++);
             Pixels<T> dst(size[2], size[3], components, 1);
             ASSERT_EQ(Scale(src, dst), KPX_OK);
-            ExpectSamePixels(dst, Reference(src, size[2], size[3]));
+            EXPECT_EQ(dst.data, Reference(src, size[2], size[3], 1).data);  // padding untouched
         }
     }
 }
 
-TEST(Scaler, MatchesReferenceU8) {
+TEST(Scaler, MatchesTheReference) {
     CompareWithReference<uint8_t>();
-}
-TEST(Scaler, MatchesReferenceU16) {
     CompareWithReference<uint16_t>();
-}
-TEST(Scaler, MatchesReferenceFloat) {
     CompareWithReference<float>();
 }
 

@@ -10,7 +10,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -20,6 +19,7 @@ namespace {
 using bf::ComponentType;
 using bf::Document;
 using bf::Image;
+using bf::test::kTypeOf;
 
 struct ThresholdRecord {
     uint32_t code;
@@ -43,11 +43,6 @@ int32_t Apply(Document& document, int32_t levels) {
     bf::Settings settings = SettingsWith(levels);
     return bf::ApplyFilter(Threshold(), document, settings);
 }
-
-template <class T>
-constexpr ComponentType kTypeOf = std::is_same_v<T, uint8_t>    ? ComponentType::U8
-                                  : std::is_same_v<T, uint16_t> ? ComponentType::U16
-                                                                : ComponentType::F32;
 
 // ---- the formulas, written out plainly -------------------------------------------------
 
@@ -82,6 +77,7 @@ class ThresholdPixels : public testing::Test {};
 using ComponentTypes = testing::Types<uint8_t, uint16_t, float>;
 TYPED_TEST_SUITE(ThresholdPixels, ComponentTypes);
 
+// Floats are neither clamped nor kept inside 0..1; 2 and 256 levels are the ends.
 TYPED_TEST(ThresholdPixels, MatchTheFormulasWithAndWithoutAlpha) {
     using T = TypeParam;
     for (int32_t levels : {2, 3, 7, 16, 255, 256})
@@ -93,48 +89,6 @@ TYPED_TEST(ThresholdPixels, MatchTheFormulasWithAndWithoutAlpha) {
             ASSERT_EQ(Apply(document, levels), KPX_OK);
             EXPECT_EQ(document.image().pixels, ExpectedImage<T>(before, levels).pixels);
         }
-}
-
-TEST(ThresholdLevels, TwoLevelsSplitEightBitDataAtHalfAnd256AreTheIdentity) {
-    Image ramp({256, 1, 1, ComponentType::U8, false});
-    for (int i = 0; i < 256; ++i) ramp.line_as<uint8_t>(0)[i] = uint8_t(i);
-    Document two(ramp);
-    ASSERT_EQ(Apply(two, 2), KPX_OK);
-    const Image split = two.image();
-    for (int i = 0; i < 256; ++i) EXPECT_EQ(split.line_as<uint8_t>(0)[i], i < 128 ? 0 : 255) << i;
-
-    Document all(ramp);
-    ASSERT_EQ(Apply(all, 256), KPX_OK);
-    EXPECT_EQ(all.image().pixels, ramp.pixels);
-}
-
-TEST(ThresholdLevels, SixteenBitUsesWholeLevelSteps) {
-    Image before({5, 1, 1, ComponentType::U16, false});
-    uint16_t* v = before.line_as<uint16_t>(0);
-    v[0] = 0, v[1] = 32767, v[2] = 32768, v[3] = 65535, v[4] = 1;
-    Document document(before);
-    ASSERT_EQ(Apply(document, 2), KPX_OK);
-    const Image after = document.image();
-    const uint16_t* out = after.line_as<uint16_t>(0);
-    EXPECT_EQ(out[0], 0);
-    EXPECT_EQ(out[1], 0);
-    EXPECT_EQ(out[2], 65535);
-    EXPECT_EQ(out[3], 65535);
-    EXPECT_EQ(out[4], 0);
-}
-
-TEST(ThresholdLevels, FloatDividesByTheLevelCount) {
-    Image before({4, 1, 1, ComponentType::F32, false});
-    float* v = before.line_as<float>(0);
-    v[0] = 0.999f, v[1] = 1.0f, v[2] = 0.25f, v[3] = -0.1f;
-    Document document(before);
-    ASSERT_EQ(Apply(document, 4), KPX_OK);
-    const Image after = document.image();
-    const float* out = after.line_as<float>(0);
-    EXPECT_EQ(out[0], 0.75f);
-    EXPECT_EQ(out[1], 1.0f);
-    EXPECT_EQ(out[2], 0.25f);
-    EXPECT_EQ(out[3], -0.25f);  // not clamped
 }
 
 // ---- settings ------------------------------------------------------------------------------
@@ -150,6 +104,26 @@ TEST(ThresholdSettings, BlobGivesLevelsOnlyFromThreeTo255) {
         EXPECT_EQ(record->levels, restored) << stored;
         EXPECT_EQ(record->table, nullptr);
     }
+}
+
+// CreateDefaultSettings given a container holding `levels` under key 1, or nothing.
+int32_t LevelsFromContainer(const double* levels) {
+    const KPX_PREFS_API& prefs = *bf::Host::Get().table()->prefs;
+    const std::unique_ptr<KPX_CONTAINER, void (*)(KPX_CONTAINER*)> container(
+        prefs.ContainerCreate(), prefs.ContainerFree);
+    if (levels) prefs.SetReal(container.get(), 1, *levels);
+    void* record = Threshold().CreateDefaultSettings(nullptr, container.get());
+    const int32_t result = static_cast<ThresholdRecord*>(record)->levels;
+    Threshold().FreeSettings(nullptr, record);
+    return result;
+}
+
+TEST(ThresholdSettings, ContainerLevelsAreTruncatedIntoTwoTo256) {
+    for (auto [stored, levels] :
+         {std::pair{7.9, 7}, std::pair{2.0, 2}, std::pair{1.9, 2}, std::pair{-4.0, 2},
+          std::pair{256.7, 256}, std::pair{300.0, 256}, std::pair{std::nan(""), 2}})
+        EXPECT_EQ(LevelsFromContainer(&stored), levels) << stored;
+    EXPECT_EQ(LevelsFromContainer(nullptr), 2);  // an empty container reads as 0
 }
 
 // ---- prepare, finish and failures --------------------------------------------------------
@@ -214,78 +188,30 @@ TEST_F(ThresholdCalls, WithoutItsTableAnEightBitImageIsLeftAlone) {
     EXPECT_EQ(document.image().pixels, before.pixels);
 }
 
-// ---- a host settings container ---------------------------------------------------------------
-
-// CreateDefaultSettings given a container holding `levels` under key 1, or nothing.
-int32_t LevelsFromContainer(const double* levels) {
-    const KPX_PREFS_API& prefs = *bf::Host::Get().table()->prefs;
-    const std::unique_ptr<KPX_CONTAINER, void (*)(KPX_CONTAINER*)> container(
-        prefs.ContainerCreate(), prefs.ContainerFree);
-    if (levels) prefs.SetReal(container.get(), 1, *levels);
-    void* record = Threshold().CreateDefaultSettings(nullptr, container.get());
-    const int32_t result = static_cast<ThresholdRecord*>(record)->levels;
-    Threshold().FreeSettings(nullptr, record);
-    return result;
-}
-
-TEST(ThresholdSettings, ContainerLevelsAreTruncatedIntoTwoTo256) {
-    for (auto [stored, levels] :
-         {std::pair{7.9, 7}, std::pair{2.0, 2}, std::pair{1.9, 2}, std::pair{-4.0, 2},
-          std::pair{256.7, 256}, std::pair{300.0, 256}, std::pair{std::nan(""), 2}})
-        EXPECT_EQ(LevelsFromContainer(&stored), levels) << stored;
-    EXPECT_EQ(LevelsFromContainer(nullptr), 2);  // an empty container reads as 0
-}
-
 // ---- dialog ---------------------------------------------------------------------------------
 
-const bf::GadgetInfo& Gadget(const std::vector<bf::GadgetInfo>& gadgets, int32_t id) {
-    for (const bf::GadgetInfo& gadget : gadgets)
-        if (gadget.id == id) return gadget;
-    throw std::invalid_argument("no gadget " + std::to_string(id));
-}
-
-class ThresholdDialog : public testing::Test {
-protected:
-    void SetUp() override {
-        bf::test::StartedModule();
-        bf::SetPreference(KPX_PREFERENCES_ID, 6, false);
-    }
-    void TearDown() override { bf::SetPreference(KPX_PREFERENCES_ID, 6, false); }
-
-    // The levels after the dialog confirmed `typed`; the gadgets as it closed.
-    int32_t Typed(const std::string& typed, std::vector<bf::GadgetInfo>* gadgets = nullptr) {
-        Document document(image_);
+// The field truncates and keeps 2 to 256 (the blob keeps 3 to 255), and the
+// preview shows the levels just typed without touching the document.
+TEST(ThresholdDialog, LevelsFieldTruncatesKeepsItsRangeAndPreviews) {
+    bf::test::StartedModule();
+    bf::SetPreference(KPX_PREFERENCES_ID, 6, true);
+    const Image image = bf::test::RandomImage({10, 8, 3, ComponentType::U8, false}, 6);
+    for (auto [typed, levels] : {std::pair{"7.9", 7}, {"1", 2}, {"1000", 256}, {"3", 3}}) {
+        SCOPED_TRACE(typed);
+        Document document(image);
         bf::Settings settings = SettingsWith(16);
         bf::DialogScript script;
         script.changes = {{"levels", typed}};
-        EXPECT_EQ(bf::RunDialog(Threshold(), document, settings, script, gadgets), 0);
-        EXPECT_EQ(document.image().pixels, image_.pixels);
-        return static_cast<const ThresholdRecord*>(settings.get())->levels;
+        std::vector<bf::GadgetInfo> gadgets;
+        ASSERT_EQ(bf::RunDialog(Threshold(), document, settings, script, &gadgets), 0);
+        EXPECT_EQ(static_cast<const ThresholdRecord*>(settings.get())->levels, levels);
+        EXPECT_EQ(bf::test::GadgetById(gadgets, 10220).format, KPX_FORMAT_REAL);
+        const bf::GadgetInfo& area = bf::test::GadgetById(gadgets, 10222);
+        ASSERT_TRUE(area.drawn.has_value());
+        EXPECT_EQ(area.drawn->pixels, ExpectedImage<uint8_t>(image, levels).pixels);
+        EXPECT_EQ(document.image().pixels, image.pixels);
     }
-
-    const Image image_ = bf::test::RandomImage({10, 8, 3, ComponentType::U8, false}, 6);
-};
-
-TEST_F(ThresholdDialog, LevelsFieldTruncatesAndKeepsTwoTo256) {
-    std::vector<bf::GadgetInfo> gadgets;
-    EXPECT_EQ(Typed("7.9", &gadgets), 7);
-    const bf::GadgetInfo& levels = Gadget(gadgets, 10220);
-    EXPECT_EQ(levels.kind, "real");
-    EXPECT_EQ(levels.min, 2);
-    EXPECT_EQ(levels.max, 256);
-    EXPECT_EQ(levels.step, 1);
-    EXPECT_EQ(levels.format, KPX_FORMAT_REAL);
-    EXPECT_EQ(Typed("1"), 2);
-    EXPECT_EQ(Typed("1000"), 256);
-}
-
-TEST_F(ThresholdDialog, ThePreviewRunsWithTheTableOfTheNewLevels) {
-    bf::SetPreference(KPX_PREFERENCES_ID, 6, true);
-    std::vector<bf::GadgetInfo> gadgets;
-    EXPECT_EQ(Typed("3", &gadgets), 3);
-    const bf::GadgetInfo& area = Gadget(gadgets, 10222);
-    ASSERT_TRUE(area.drawn.has_value());
-    EXPECT_EQ(area.drawn->pixels, ExpectedImage<uint8_t>(image_, 3).pixels);
+    bf::SetPreference(KPX_PREFERENCES_ID, 6, false);
 }
 
 }  // namespace

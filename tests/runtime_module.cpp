@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 
 namespace bf {
 namespace {
@@ -31,17 +31,12 @@ struct TestModule {
     int32_t start_reply = KPX_REPLY_OK;
     bool offer_scaler = true;
     std::vector<int32_t> messages;
-    void* context = nullptr;
     int executed = 0;
 } g_test;
 
-void* Alloc(std::size_t size) {
-    const KPX_SOURCE_LOCATION where{__FILE__, __LINE__, 0};
-    return g_test.host->memory->HostAlloc(size, &where);
-}
-
 void* TestDefaults(void*, void*) {
-    void* block = Alloc(sizeof(TestSettings));
+    const KPX_SOURCE_LOCATION where{__FILE__, __LINE__, 0};
+    void* block = g_test.host->memory->HostAlloc(sizeof(TestSettings), &where);
     return block ? new (block) TestSettings{} : nullptr;
 }
 int32_t TestFree(void*, void* settings) {
@@ -91,23 +86,17 @@ const BitmapFilterDescriptor kTestFilter{
     KPX_FILTER_MAGIC, 0,           TestDefaults, TestFree,    TestToBlob,
     TestFromBlob,     TestPrepare, TestFinish,   TestExecute, 7};
 
-int32_t TestScaler(uint32_t, const void*, int32_t, int32_t, int32_t, void*, int32_t, int32_t,
-                   int32_t) {
-    return KPX_OK;
-}
-
-int32_t TestMain(int32_t message, void* arg1, void* arg2, void* arg3) {
+int32_t TestMain(int32_t message, void* arg1, void* arg2, void*) {
     g_test.messages.push_back(message);
     switch (message) {
         case KPX_MSG_START:
             g_test.host = static_cast<const KPX_HOST*>(arg1);
-            g_test.context = arg3;
             return g_test.start_reply;
         case KPX_MSG_PLUGIN: {
             if (reinterpret_cast<intptr_t>(arg1) != KPX_PLUGIN_MSG_SCALER || !g_test.offer_scaler)
                 return KPX_REPLY_UNKNOWN;
             auto* offer = static_cast<KPX_SCALER_MESSAGE*>(arg2);
-            offer->service->scale = TestScaler;
+            offer->service->scale = ScaleByRule;  // any scaler will do
             offer->state->scaler_pending = 0;
             return KPX_REPLY_OK;
         }
@@ -127,21 +116,25 @@ int32_t TestMain(int32_t message, void* arg1, void* arg2, void* arg3) {
 class TestModuleTest : public ::testing::Test {
 protected:
     void SetUp() override { g_test = {}; }
+    static std::unique_ptr<Module> Attach() {
+        std::string error;
+        auto module = Module::Attach(TestMain, error);
+        EXPECT_NE(module, nullptr) << error;
+        return module;
+    }
 };
 
 TEST_F(TestModuleTest, StartOffersTheScalerThenInitialises) {
-    std::string error;
     {
-        auto module = Module::Attach(TestMain, error);
-        ASSERT_NE(module, nullptr) << error;
+        auto module = Attach();
+        ASSERT_NE(module, nullptr);
         EXPECT_EQ(g_test.host, Host::Get().table());
-        EXPECT_NE(g_test.context, nullptr);
         EXPECT_EQ(g_test.messages, (std::vector<int32_t>{1, 6, 2}));
-        EXPECT_EQ(Host::Get().scaler(), TestScaler);
+        EXPECT_EQ(Host::Get().scaler(), ScaleByRule);
         ASSERT_EQ(module->filters().size(), 1u);
         EXPECT_EQ(module->filters()[0].name, "Fill");
-        ASSERT_NE(module->find(kTestId), nullptr);
-        EXPECT_EQ(module->find(kTestId)->record, &kTestFilter);
+        ASSERT_EQ(module->find(kTestId), &module->filters()[0]);
+        EXPECT_EQ(module->filters()[0].record, &kTestFilter);
         EXPECT_EQ(module->find(1), nullptr);
     }
     // Ending takes the module's filters and scaler away with it.
@@ -165,9 +158,8 @@ TEST_F(TestModuleTest, StartFailuresAreExplained) {
 }
 
 TEST_F(TestModuleTest, SettingsRoundTripThroughTheBlob) {
-    std::string error;
-    auto module = Module::Attach(TestMain, error);
-    ASSERT_NE(module, nullptr) << error;
+    auto module = Attach();
+    ASSERT_NE(module, nullptr);
     const int64_t before = Host::Get().live_allocations();
     {
         auto settings = Settings::Defaults(kTestFilter);
@@ -184,8 +176,7 @@ TEST_F(TestModuleTest, SettingsRoundTripThroughTheBlob) {
         EXPECT_FALSE(Settings::FromBlob(kTestFilter, std::span(blob).first(blob.size() - 1)));
         EXPECT_FALSE(Settings::FromBlob(kTestFilter, std::span(blob).first(8)));
 
-        Settings moved = std::move(*copy);
-        EXPECT_EQ(moved.code(), kTestCode);
+        Settings moved = std::move(*copy);  // one record, freed once
         EXPECT_EQ(Host::Get().live_allocations(), before + 2);
     }
     EXPECT_EQ(Host::Get().live_allocations(), before);
@@ -195,9 +186,8 @@ TEST_F(TestModuleTest, SettingsRoundTripThroughTheBlob) {
 }
 
 TEST_F(TestModuleTest, ApplyCommitsOnSuccessOnly) {
-    std::string error;
-    auto module = Module::Attach(TestMain, error);
-    ASSERT_NE(module, nullptr) << error;
+    auto module = Attach();
+    ASSERT_NE(module, nullptr);
     const Image original = test::RandomImage({20, 10, 1, ComponentType::U8, false}, 5);
     Document document(original, 8, 8);
     document.set_area({2, 3, 12, 9});
@@ -229,12 +219,6 @@ TEST_F(TestModuleTest, ApplyCommitsOnSuccessOnly) {
     EXPECT_EQ(document.image().pixels, original.pixels);
 }
 
-TEST(Status, Descriptions) {
-    EXPECT_EQ(DescribeStatus(0), "done");
-    EXPECT_EQ(DescribeStatus(-4), "this filter is not available yet");
-    EXPECT_EQ(DescribeStatus(7), "unknown status 7");
-}
-
 TEST(ModulePath, EnvironmentWins) {
     setenv("BITMAPFILTER_MODULE", "/opt/x/bf.so", 1);
     EXPECT_EQ(DefaultModulePath(), "/opt/x/bf.so");
@@ -252,10 +236,7 @@ TEST(RealModule, BadFilesGiveClearErrors) {
 
     test::TempDir dir;
     const auto fake = dir / "fake.so";
-    std::FILE* file = std::fopen(fake.c_str(), "w");
-    ASSERT_NE(file, nullptr);
-    std::fputs("not a shared object", file);
-    std::fclose(file);
+    std::ofstream(fake) << "not a shared object";
     EXPECT_EQ(Module::Load(fake, error), nullptr);
     EXPECT_EQ(error.rfind("cannot load module " + fake.string() + ": ", 0), 0u) << error;
 
@@ -292,65 +273,43 @@ protected:
     static inline int64_t strings_before_ = 0;
 };
 
-TEST_F(RealModuleTest, RegistersEveryFilterWithAName) {
-    const auto& filters = module_->filters();
-    ASSERT_EQ(filters.size(), 29u);
-    EXPECT_EQ(filters.front().plugin_id, 1000552);  // Gamma first
-    EXPECT_EQ(filters.back().plugin_id, 1000580);   // Threshold last
-    for (const Registration& r : filters) EXPECT_FALSE(r.name.empty()) << r.plugin_id;
-    EXPECT_NE(Host::Get().scaler(), nullptr);
+// Invert through the loaded module: applied and committed, or with a break
+// every tile is refused, so nothing can have been written whatever it reports.
+TEST_F(RealModuleTest, InvertAppliesAndABreakLeavesTheDocumentUntouched) {
     EXPECT_NE(Host::Get().module_client(), nullptr);
-}
-
-TEST_F(RealModuleTest, PendingFiltersAnswerNotAvailable) {
-    EXPECT_FALSE(Settings::Defaults(Filter(1000579)));  // Levels, not built yet
-}
-
-TEST_F(RealModuleTest, InvertAppliesAndCommits) {
     const Image original = test::RandomImage({70, 40, 3, ComponentType::U8, false}, 9);
-    Document document(original, 32, 16);
     auto settings = Settings::Defaults(Filter(1000576));
     ASSERT_TRUE(settings);
-    EXPECT_EQ(settings->code(), KPX_FOURCC('n', 'v', 'r', 't'));
-    EXPECT_EQ(settings->to_blob().size(), 24u);
+    Document broken(original, 16, 16);
+    Host::Get().request_break();
+    ApplyFilter(Filter(1000576), broken, *settings);
+    Host::Get().clear_break();
+    EXPECT_EQ(broken.image().pixels, original.pixels);
+
+    Document document(original, 32, 16);
     ASSERT_EQ(ApplyFilter(Filter(1000576), document, *settings), KPX_OK);
     const Image after = document.image();
     for (std::size_t i = 0; i < after.pixels.size(); ++i)
         ASSERT_EQ(uint8_t(after.pixels[i]), uint8_t(255 - uint8_t(original.pixels[i]))) << i;
 }
 
-TEST_F(RealModuleTest, BreakLeavesTheDocumentUntouched) {
-    const Image original = test::RandomImage({70, 40, 1, ComponentType::U16, false}, 4);
-    Document document(original, 16, 16);
-    auto settings = Settings::Defaults(Filter(1000576));
-    ASSERT_TRUE(settings);
-    Host::Get().request_break();
-    ApplyFilter(Filter(1000576), document, *settings);
-    Host::Get().clear_break();
-    // Every tile is refused, so nothing can have been written, whatever the
-    // filter reports.
-    EXPECT_EQ(document.image().pixels, original.pixels);
-}
-
-// The module's scaler follows the same rule as the host's, bit for bit.
-TEST_F(RealModuleTest, ScalerMatchesTheHostRule) {
+// The scaler the module offered is the one the host now uses; its rule is
+// compared with the host's in the module's own tests, so one case per type.
+TEST_F(RealModuleTest, OfferedScalerMatchesTheHostRule) {
     const KpxScaleFn scaler = Host::Get().scaler();
     ASSERT_NE(scaler, nullptr);
     for (ComponentType type : {ComponentType::U8, ComponentType::U16, ComponentType::F32}) {
         const ImageFormat format{23, 17, 4, type, true};
         const Image source = test::RandomImage(format, 11);
         const uint32_t mode = ColourModeOf(type, 4);
-        for (auto [w, h] : {std::pair{7, 5}, {46, 34}, {23, 17}, {50, 3}, {1, 1}}) {
-            const std::size_t line = format.pixel_bytes() * w;
-            std::vector<std::byte> ours(line * h), theirs(line * h);
-            ASSERT_EQ(ScaleByRule(mode, source.pixels.data(), int32_t(format.line_bytes()), 23, 17,
-                                  ours.data(), int32_t(line), w, h),
+        const auto scale = [&](KpxScaleFn fn) {
+            std::vector<std::byte> out(format.pixel_bytes() * 46 * 5);
+            EXPECT_EQ(fn(mode, source.pixels.data(), int32_t(format.line_bytes()), 23, 17,
+                         out.data(), int32_t(format.pixel_bytes() * 46), 46, 5),
                       KPX_OK);
-            ASSERT_EQ(scaler(mode, source.pixels.data(), int32_t(format.line_bytes()), 23, 17,
-                             theirs.data(), int32_t(line), w, h),
-                      KPX_OK);
-            EXPECT_EQ(ours, theirs) << ComponentTypeName(type) << " " << w << "x" << h;
-        }
+            return out;
+        };
+        EXPECT_EQ(scale(scaler), scale(ScaleByRule)) << ComponentTypeName(type);
     }
 }
 
