@@ -9,9 +9,11 @@
 #include "filterdialog.hpp"
 #include "kpx_preview/matrixwrapper.hpp"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <numbers>
+#include <span>
 #include <utility>
 
 namespace bfm {
@@ -159,6 +161,153 @@ struct ConvolutionFilter {
     static int32_t Execute(BM_INFO* info, void* settings, bool show_dialog) {
         return detail::ExecuteConvolution(kSpec, info, settings, show_dialog);
     }
+};
+
+// ---- the kernel filters ---------------------------------------------------------------
+// Emboss, Sharpen, Smooth, Details, Structures and Difference apply a row of a
+// fixed kernel table; their records come in two shapes.
+
+// A kernel turned by the user's angle (Emboss, Structures, Difference).
+struct TurnedKernelSettings {
+    uint32_t code;
+    float strength;
+    float angle;  // degrees
+    uint32_t normalise;
+    uint32_t border_mode;
+    uint32_t kernel;  // the row of the kernel table
+    ConvolutionCache cache;
+};
+static_assert(offsetof(TurnedKernelSettings, strength) == 4);
+static_assert(offsetof(TurnedKernelSettings, angle) == 8);
+static_assert(offsetof(TurnedKernelSettings, normalise) == 12);
+static_assert(offsetof(TurnedKernelSettings, border_mode) == 16);
+static_assert(offsetof(TurnedKernelSettings, kernel) == 20);
+static_assert(sizeof(TurnedKernelSettings) + sizeof(KPX_BLOB_HEADER) == 56);
+static_assert(CacheIsLast<TurnedKernelSettings>());
+
+// A kernel used as it stands (Sharpen, Smooth, Details).
+struct KernelSettings {
+    uint32_t code;
+    float strength;
+    uint32_t normalise;
+    uint32_t border_mode;
+    uint32_t kernel;    // the row of the kernel table
+    uint32_t reserved;  // 0, stored with the rest
+    ConvolutionCache cache;
+};
+static_assert(offsetof(KernelSettings, strength) == 4);
+static_assert(offsetof(KernelSettings, normalise) == 8);
+static_assert(offsetof(KernelSettings, border_mode) == 12);
+static_assert(offsetof(KernelSettings, kernel) == 16);
+static_assert(offsetof(KernelSettings, reserved) == 20);
+static_assert(sizeof(KernelSettings) + sizeof(KPX_BLOB_HEADER) == 56);
+static_assert(CacheIsLast<KernelSettings>());
+
+// What sets one kernel filter apart: its kernels, whether they are divided by
+// their sum, and its dialog.
+struct KernelFilterInfo {
+    uint32_t code;
+    std::span<const kpx::Matrix> kernels;
+    uint32_t normalise;    // 1: each kernel is divided by its sum
+    double strength_step;  // in percent
+    double default_strength = 1.0;
+    int32_t layout;  // the dialog's gadget ids
+    int32_t strength;
+    int32_t angle = 0;  // none for a kernel used as it stands
+    int32_t preview_check;
+    int32_t border;
+    int32_t kernel;
+    int32_t preview_area;
+    void (*defaults)(void* settings, const KPX_CONTAINER* container) = nullptr;
+};
+
+// Settings, blob, dialog and apply of a kernel filter. Only the strength and
+// the angle come back from a blob: a restored filter uses its first kernel and
+// clamps at the edges.
+template <class Settings, const KernelFilterInfo& kInfo>
+class KernelFilter {
+    static constexpr bool kTurns = requires(Settings s) { s.angle; };
+
+public:
+    static int32_t Apply(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings, int32_t,
+                         BaseThread* thread) {
+        auto& s = *static_cast<Settings*>(settings);
+        float angle = 0.0f;
+        if constexpr (kTurns) angle = s.angle;
+        return ApplyConvolution(
+            info, area, tile, thread, s.cache,
+            {kInfo.kernels[s.kernel], s.normalise, s.strength, angle, s.border_mode});
+    }
+
+private:
+    static constexpr auto kFields = [] {
+        const SettingsField strength{.offset = offsetof(Settings, strength),
+                                     .type = FieldType::F32,
+                                     .initial = kInfo.default_strength,
+                                     .min = 0.0,
+                                     .max = 1.0,
+                                     .gadget = kInfo.strength};
+        const SettingsField normalise{.offset = offsetof(Settings, normalise),
+                                      .type = FieldType::U32,
+                                      .initial = static_cast<double>(kInfo.normalise),
+                                      .min = static_cast<double>(kInfo.normalise),
+                                      .max = static_cast<double>(kInfo.normalise),
+                                      .range = BlobRange::NotRead};
+        const SettingsField border{.offset = offsetof(Settings, border_mode),
+                                   .type = FieldType::U32,
+                                   .initial = KPX_BORDER_CLAMP,
+                                   .min = KPX_BORDER_CLAMP,
+                                   .max = KPX_BORDER_WRAP,
+                                   .range = BlobRange::NotRead,
+                                   .gadget = kInfo.border};
+        const SettingsField kernel{.offset = offsetof(Settings, kernel),
+                                   .type = FieldType::U32,
+                                   .initial = 0,
+                                   .min = 0,
+                                   .max = static_cast<double>(kInfo.kernels.size() - 1),
+                                   .range = BlobRange::NotRead,
+                                   .gadget = kInfo.kernel};
+        if constexpr (kTurns) {
+            const SettingsField angle{.offset = offsetof(Settings, angle),
+                                      .type = FieldType::F32,
+                                      .initial = 0.0,
+                                      .min = 0.0,
+                                      .max = 360.0,
+                                      .gadget = kInfo.angle};
+            return std::array{strength, angle, normalise, border, kernel};
+        } else {
+            return std::array{strength, normalise, border, kernel};
+        }
+    }();
+    static constexpr SettingsLayout kLayout{kInfo.code, sizeof(Settings), kFields};
+    static_assert(FieldsFit(kLayout));
+
+    static constexpr auto kGadgets = [] {
+        const DialogGadget strength =
+            StrengthGadget(kInfo.strength, offsetof(Settings, strength), kInfo.strength_step);
+        const DialogGadget kernel = KernelGadget(kInfo.kernel, offsetof(Settings, kernel),
+                                                 static_cast<uint32_t>(kInfo.kernels.size()));
+        if constexpr (kTurns)
+            return std::array{strength, AngleGadget(kInfo.angle, offsetof(Settings, angle)),
+                              kernel};
+        else
+            return std::array{strength, kernel};
+    }();
+
+    static constexpr DialogSpec kDialog{
+        .layout_id = kInfo.layout,
+        .preview_area = kInfo.preview_area,
+        .preview_check = kInfo.preview_check,
+        .border_check = kInfo.border,
+        .border_offset = offsetof(Settings, border_mode),
+        .gadgets = kGadgets,
+        .apply = &Apply,
+        .changed = &DropConvolution<Settings>,
+    };
+
+public:
+    static constexpr ConvolutionFilterSpec kSpec{kLayout, offsetof(Settings, cache), kDialog,
+                                                 kInfo.defaults};
 };
 
 }  // namespace bfm

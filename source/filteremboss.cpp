@@ -2,28 +2,9 @@
 // divided by its sum and blended with the source by a strength.
 #include "filterconvolution.hpp"
 
-#include <cstddef>
-
 namespace bfm {
 
 namespace {
-
-struct EmbossSettings {
-    uint32_t code;  // "mbss"
-    float strength;
-    float angle;  // degrees
-    uint32_t normalise;
-    uint32_t border_mode;
-    uint32_t kernel;
-    ConvolutionCache cache;
-};
-static_assert(offsetof(EmbossSettings, strength) == 4);
-static_assert(offsetof(EmbossSettings, angle) == 8);
-static_assert(offsetof(EmbossSettings, normalise) == 12);
-static_assert(offsetof(EmbossSettings, border_mode) == 16);
-static_assert(offsetof(EmbossSettings, kernel) == 20);
-static_assert(sizeof(EmbossSettings) + sizeof(KPX_BLOB_HEADER) == 56);
-static_assert(CacheIsLast<EmbossSettings>());
 
 constexpr const FilterRow& kRow = FilterRowOf("emboss");
 
@@ -60,80 +41,31 @@ constexpr kpx::Matrix kKernels[] = {
                   1.04f, 2.13f, 3.48f, 0, -3.48f, -2.13f, -1.04f,  //
                   0.73f, 2.40f, 2.83f, 0, -2.83f, -2.40f, -0.73f}},
 };
-constexpr uint32_t kKernelCount = std::size(kKernels);
 
-// Only strength and angle come back from a blob: a restored Emboss always
-// uses relief 1 and clamps at the edges.
-constexpr SettingsField kFields[] = {
-    {.offset = offsetof(EmbossSettings, strength),
-     .type = FieldType::F32,
-     .initial = 1.0,
-     .min = 0.0,
-     .max = 1.0,
-     .gadget = 10032},
-    {.offset = offsetof(EmbossSettings, angle),
-     .type = FieldType::F32,
-     .initial = 0.0,
-     .min = 0.0,
-     .max = 360.0,
-     .gadget = 10033},
-    {.offset = offsetof(EmbossSettings, normalise),
-     .type = FieldType::U32,
-     .initial = 1,
-     .min = 1,
-     .max = 1,
-     .range = BlobRange::NotRead},
-    {.offset = offsetof(EmbossSettings, border_mode),
-     .type = FieldType::U32,
-     .initial = KPX_BORDER_CLAMP,
-     .min = KPX_BORDER_CLAMP,
-     .max = KPX_BORDER_WRAP,
-     .range = BlobRange::NotRead,
-     .gadget = 10035},
-    {.offset = offsetof(EmbossSettings, kernel),
-     .type = FieldType::U32,
-     .initial = 0,
-     .min = 0,
-     .max = kKernelCount - 1,
-     .range = BlobRange::NotRead,
-     .gadget = 10036},
+constexpr KernelFilterInfo kInfo{
+    .code = kRow.code,
+    .kernels = kKernels,
+    .normalise = 1,
+    .strength_step = 1,
+    .layout = 10031,
+    .strength = 10032,
+    .angle = 10033,
+    .preview_check = 10034,
+    .border = 10035,
+    .kernel = 10036,
+    .preview_area = 10037,
 };
-constexpr SettingsLayout kLayout{kRow.code, sizeof(EmbossSettings), kFields};
-static_assert(FieldsFit(kLayout));
+using Emboss = KernelFilter<TurnedKernelSettings, kInfo>;
 
 }  // namespace
 
-int32_t ApplyEmboss(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings, int32_t,
-                    BaseThread* thread) {
-    auto& s = *static_cast<EmbossSettings*>(settings);
-    return ApplyConvolution(info, area, tile, thread, s.cache,
-                            {kKernels[s.kernel], s.normalise, s.strength, s.angle, s.border_mode});
+int32_t ApplyEmboss(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
+                    int32_t notify, BaseThread* thread) {
+    return Emboss::Apply(info, area, tile, settings, notify, thread);
 }
 
-namespace {
-
-constexpr DialogGadget kGadgets[] = {
-    StrengthGadget(10032, offsetof(EmbossSettings, strength), 1),
-    AngleGadget(10033, offsetof(EmbossSettings, angle)),
-    KernelGadget(10036, offsetof(EmbossSettings, kernel), kKernelCount),
-};
-
-constexpr DialogSpec kDialog{
-    .layout_id = 10031,
-    .preview_area = 10037,
-    .preview_check = 10034,
-    .border_check = 10035,
-    .border_offset = offsetof(EmbossSettings, border_mode),
-    .gadgets = kGadgets,
-    .apply = &ApplyEmboss,
-    .changed = &DropConvolution<EmbossSettings>,
-};
-
-constexpr ConvolutionFilterSpec kSpec{kLayout, offsetof(EmbossSettings, cache), kDialog};
-
-}  // namespace
-
-constexpr BitmapFilterDescriptor kEmbossFilter = MakeFilterRecord<ConvolutionFilter<kSpec>>(kRow);
+constexpr BitmapFilterDescriptor kEmbossFilter =
+    MakeFilterRecord<ConvolutionFilter<Emboss::kSpec>>(kRow);
 
 bool RegisterEmboss() {
     return RegisterFilter(kRow);
