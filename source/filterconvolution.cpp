@@ -136,14 +136,6 @@ void* ConvolutionSettingsFromBlob(const ConvolutionFilterSpec& spec, const void*
     return settings;
 }
 
-int32_t ExecuteConvolution(const ConvolutionFilterSpec& spec, BM_INFO* info, void* settings,
-                           bool show_dialog) {
-    if (!HasCode(settings, spec.layout.code)) return KPX_NOT_MINE;
-    if (!info) return KPX_STOPPED;
-    if (show_dialog) return spec.run_dialog(info, settings, spec.dialog);
-    return spec.dialog.apply(info, nullptr, nullptr, settings, 0, nullptr);
-}
-
 }  // namespace detail
 
 }  // namespace bfm

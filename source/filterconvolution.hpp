@@ -130,8 +130,6 @@ int32_t FreeConvolutionSettings(const ConvolutionFilterSpec& spec, void* setting
 void* ConvolutionSettingsToBlob(const ConvolutionFilterSpec& spec, const void* settings,
                                 KpxBlobAllocator allocate);
 void* ConvolutionSettingsFromBlob(const ConvolutionFilterSpec& spec, const void* blob);
-int32_t ExecuteConvolution(const ConvolutionFilterSpec& spec, BM_INFO* info, void* settings,
-                           bool show_dialog);
 
 }  // namespace detail
 
@@ -159,7 +157,8 @@ struct ConvolutionFilter {
         return CheckCode(settings, kSpec.layout.code);
     }
     static int32_t Execute(BM_INFO* info, void* settings, bool show_dialog) {
-        return detail::ExecuteConvolution(kSpec, info, settings, show_dialog);
+        return ExecuteFilter(info, settings, show_dialog, kSpec.layout.code, kSpec.dialog,
+                             kSpec.run_dialog);
     }
 };
 

@@ -115,6 +115,14 @@ int32_t RunFilterDialog(BM_INFO* info, void* settings, const DialogSpec& spec) {
     return dialog.Run();
 }
 
+int32_t ExecuteFilter(BM_INFO* info, void* settings, bool show_dialog, uint32_t code,
+                      const DialogSpec& spec, int32_t (*run)(BM_INFO*, void*, const DialogSpec&)) {
+    if (!HasCode(settings, code)) return KPX_NOT_MINE;
+    if (!info) return KPX_STOPPED;
+    if (show_dialog) return run(info, settings, spec);
+    return spec.apply(info, nullptr, nullptr, settings, 0, nullptr);
+}
+
 bool FilterDialog::CreateLayout() {
     if (!LoadLayout(ResourceTable(), spec_.layout_id)) return false;
     preview_.Attach(*this, spec_.preview_area, info_, spec_.apply, settings_);

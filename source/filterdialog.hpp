@@ -116,4 +116,11 @@ private:
 // the settings in place, 0 confirmed, 1 cancelled.
 int32_t RunFilterDialog(BM_INFO* info, void* settings, const DialogSpec& spec);
 
+// Execute of a filter with a dialog: with `show_dialog` its dialog (`run`: the
+// plain pattern, or one that shows more), else its apply routine over the
+// image's whole area. -1 for another filter's settings, 1 without an image.
+int32_t ExecuteFilter(BM_INFO* info, void* settings, bool show_dialog, uint32_t code,
+                      const DialogSpec& spec,
+                      int32_t (*run)(BM_INFO*, void*, const DialogSpec&) = &RunFilterDialog);
+
 }  // namespace bfm

@@ -249,10 +249,7 @@ struct GammaFilter {
         return KPX_OK;
     }
     static int32_t Execute(BM_INFO* info, void* settings, bool show_dialog) {
-        if (!HasCode(settings, kGammaCode)) return KPX_NOT_MINE;
-        if (show_dialog) return RunFilterDialog(info, settings, kDialog);
-        if (!info) return KPX_STOPPED;
-        return ApplyGamma(info, nullptr, nullptr, settings, 0, nullptr);
+        return ExecuteFilter(info, settings, show_dialog, kGammaCode, kDialog);
     }
     static constexpr DialogSpec kDialog{
         .layout_id = 10096,

@@ -281,10 +281,7 @@ struct HslFilter {
     }
     static int32_t FinishApply(BM_INFO*, void* settings) { return CheckCode(settings, kHslCode); }
     static int32_t Execute(BM_INFO* info, void* settings, bool show_dialog) {
-        if (!HasCode(settings, kHslCode)) return KPX_NOT_MINE;
-        if (show_dialog) return RunFilterDialog(info, settings, kDialog);
-        if (!info) return KPX_STOPPED;
-        return ApplyHsl(info, nullptr, nullptr, settings, 0, nullptr);
+        return ExecuteFilter(info, settings, show_dialog, kHslCode, kDialog);
     }
     static constexpr DialogSpec kDialog{
         .layout_id = 10223,

@@ -145,13 +145,16 @@ void Document::undo() {
 
 // ---- applications ------------------------------------------------------------
 
-Application::Application(Document& document) : state_(std::make_unique<State>()) {
-    Document::Impl& doc = document.impl();
-    if (doc.open) throw std::logic_error("document already has an open application");
-    State& s = *state_;
+namespace {
+
+// Sets an application's state over the document: a BM_INFO describing it, and
+// a destination that starts as the content. The host then knows the state, so
+// tile requests on its BM_INFO find it.
+void Open(Application::State& s, Document::Impl& doc, bool read_only) {
     s.document = &doc;
     s.destination = doc.content;
     s.owned.assign(doc.content.size(), false);
+    s.read_only = read_only;
     s.info.size = sizeof(BM_INFO);
     s.info.host = &s;
     s.info.pixel_flags = doc.format.alpha ? KPX_PIXEL_ALPHA : 0;
@@ -161,18 +164,28 @@ Application::Application(Document& document) : state_(std::make_unique<State>())
     s.info.tile_width = doc.tile_width;
     s.info.tile_height = doc.tile_height;
     s.info.area = doc.area;
-    doc.open = &s;
     Host::Impl& host = Host::Get().impl();
     std::lock_guard lock(host.mutex);
     host.applications.insert(&s);
 }
 
+void Close(Application::State& s) {
+    Host::Impl& host = Host::Get().impl();
+    std::lock_guard lock(host.mutex);
+    host.applications.erase(&s);
+}
+
+}  // namespace
+
+Application::Application(Document& document) : state_(std::make_unique<State>()) {
+    Document::Impl& doc = document.impl();
+    if (doc.open) throw std::logic_error("document already has an open application");
+    Open(*state_, doc, false);
+    doc.open = state_.get();
+}
+
 Application::~Application() {
-    {
-        Host::Impl& host = Host::Get().impl();
-        std::lock_guard lock(host.mutex);
-        host.applications.erase(state_.get());
-    }
+    Close(*state_);
     state_->document->open = nullptr;
 }
 
@@ -198,30 +211,13 @@ int Application::live_tiles() const {
 
 // ---- a dialog's view ---------------------------------------------------------
 
+// Never written: reads of its destination see the content.
 DocumentView::DocumentView(Document& document) {
-    Document::Impl& doc = document.impl();
-    state_.document = &doc;
-    state_.destination = doc.content;  // never written: reads of it see the content
-    state_.owned.assign(doc.content.size(), false);
-    state_.read_only = true;
-    state_.info.size = sizeof(BM_INFO);
-    state_.info.host = &state_;
-    state_.info.pixel_flags = doc.format.alpha ? KPX_PIXEL_ALPHA : 0;
-    state_.info.colour_mode = doc.colour_mode();
-    state_.info.width = doc.format.width;
-    state_.info.height = doc.format.height;
-    state_.info.tile_width = doc.tile_width;
-    state_.info.tile_height = doc.tile_height;
-    state_.info.area = doc.area;
-    Host::Impl& host = Host::Get().impl();
-    std::lock_guard lock(host.mutex);
-    host.applications.insert(&state_);
+    Open(state_, document.impl(), true);
 }
 
 DocumentView::~DocumentView() {
-    Host::Impl& host = Host::Get().impl();
-    std::lock_guard lock(host.mutex);
-    host.applications.erase(&state_);
+    Close(state_);
 }
 
 // ---- tiles -------------------------------------------------------------------
