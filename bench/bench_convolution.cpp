@@ -2,35 +2,20 @@
 // component type and matrix size (the whole host path: line fetcher, strips,
 // write-back), and the fast u8 line routines against the general ones on
 // lines alone.
+#include "bench_support.hpp"
 #include "kpx_preview/matrixutil.hpp"
 #include "kpx_preview/matrixwrapper.hpp"
 #include "runtime.hpp"
 
 #include <benchmark/benchmark.h>
 
-#include <cstdlib>
 #include <memory>
 #include <random>
-#include <string>
 #include <vector>
-
-extern "C" int32_t kpx_main(int32_t message, void* arg1, void* arg2, void* arg3);
 
 namespace {
 
 constexpr int kSide = 4096;
-
-void StartModule() {
-    static std::unique_ptr<bf::Module> module = [] {
-        std::string error;
-        auto m = bf::Module::Attach(&kpx_main, error);
-        if (!m) {
-            std::fprintf(stderr, "bench: %s\n", error.c_str());
-            std::exit(1);
-        }
-        return m;
-    }();
-}
 
 struct ConvolutionFree {
     void operator()(kpx::Convolution* c) const { kpx::FreeConvolution(c); }
@@ -41,14 +26,9 @@ using ConvolutionPtr = std::unique_ptr<kpx::Convolution, ConvolutionFree>;
 ConvolutionPtr Prepare(int side, bf::ComponentType type, bool alpha) {
     kpx::Matrix m{side, side, side / 2, side / 2, {}};
     for (int i = 0; i < side * side; ++i) m.weights[i] = float(1 + i % 3) - (i % 5 == 0 ? 2.5f : 0);
-    StartModule();
+    bench::StartedModule();
     return ConvolutionPtr(kpx::CreateConvolution(m, alpha ? KPX_PIXEL_ALPHA : 0,
                                                  bf::ColourModeOf(type, 4), 1, 1.0f, 0.0));
-}
-
-void SetRate(benchmark::State& state, double pixels) {
-    state.counters["MP/s"] =
-        benchmark::Counter(pixels / 1e6 * double(state.iterations()), benchmark::Counter::kIsRate);
 }
 
 void BM_ConvolveArea(benchmark::State& state, bf::ComponentType type) {
@@ -64,7 +44,7 @@ void BM_ConvolveArea(benchmark::State& state, bf::ComponentType type) {
             break;
         }
     }
-    SetRate(state, double(kSide) * kSide);
+    bench::SetRate(state, double(kSide) * kSide);
 }
 
 // 64 lines of 4096 RGBA pixels per iteration through one line routine.
@@ -92,7 +72,7 @@ void BM_ConvolveLineU8(benchmark::State& state, int side, bool alpha, bool fast)
         benchmark::DoNotOptimize(dest.data());
         benchmark::ClobberMemory();
     }
-    SetRate(state, double(kLines) * kSide);
+    bench::SetRate(state, double(kLines) * kSide);
 }
 
 void AreaSizes(benchmark::internal::Benchmark* b) {

@@ -1,37 +1,18 @@
 // The row fetcher walking down a 4096 x 4096 RGBA document, per component
 // type: one strip per tile row from the host, every row fetched and released.
+#include "bench_support.hpp"
 #include "kpx_client.hpp"
 #include "kpx_preview/linefetchutil.hpp"
 #include "runtime.hpp"
 
 #include <benchmark/benchmark.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
-#include <string>
-
-extern "C" int32_t kpx_main(int32_t message, void* arg1, void* arg2, void* arg3);
-
 namespace {
 
 constexpr int kSide = 4096;
 
-// The fetcher reaches the host through the table the module keeps; start the
-// module unless another benchmark already did.
-void EnsureModuleStarted() {
-    static std::unique_ptr<bf::Module> module;
-    if (g_tavro.host) return;
-    std::string error;
-    module = bf::Module::Attach(&kpx_main, error);
-    if (!module) {
-        std::fprintf(stderr, "bench: %s\n", error.c_str());
-        std::exit(1);
-    }
-}
-
 void BM_FetchRows(benchmark::State& state, bf::ComponentType type) {
-    EnsureModuleStarted();
+    bench::StartedModule();  // the fetcher reaches the host through the module
     bf::Document document(bf::Image(bf::ImageFormat{kSide, kSide, 4, type, true}));
     bf::Application application(document);
     for (auto _ : state) {
@@ -47,8 +28,7 @@ void BM_FetchRows(benchmark::State& state, bf::ComponentType type) {
             kpx::ReleaseLine(fetcher.get(), y);
         }
     }
-    state.counters["MP/s"] = benchmark::Counter(
-        double(kSide) * kSide / 1e6 * double(state.iterations()), benchmark::Counter::kIsRate);
+    bench::SetRate(state, double(kSide) * kSide);
 }
 
 }  // namespace
