@@ -10,7 +10,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <source_location>
 #include <string_view>
 #include <utility>
@@ -24,7 +23,9 @@ extern "C" KPX_TAVRO g_tavro;
 
 namespace kpx {
 
-inline const KPX_HOST& Host() { return *g_tavro.host; }
+inline const KPX_HOST& Host() {
+    return *g_tavro.host;
+}
 
 // ---- memory ----------------------------------------------------------------
 
@@ -46,12 +47,6 @@ T* HostNew(std::source_location where = std::source_location::current()) {
     void* block = HostAlloc(sizeof(T), where);
     return block ? new (block) T{} : nullptr;
 }
-
-struct HostFreeDeleter {
-    void operator()(void* block) const { HostFree(block); }
-};
-template <class T>
-using HostPtr = std::unique_ptr<T, HostFreeDeleter>;
 
 // ---- strings ---------------------------------------------------------------
 
@@ -131,7 +126,9 @@ private:
     void* handle_;
 };
 
-inline bool TestBreak(BaseThread* thread) { return Host().progress->TestBreak(thread) != 0; }
+inline bool TestBreak(BaseThread* thread) {
+    return Host().progress->TestBreak(thread) != 0;
+}
 
 // Reports a fault the module cannot go on from ("Stop", file, line).
 inline void CriticalStop(std::source_location where = std::source_location::current()) {
@@ -158,7 +155,5 @@ T* TileLine(const BM_TILE& tile, int32_t y) {
                                                 static_cast<uint32_t>(tile.line_bytes));
     return reinterpret_cast<T*>(static_cast<std::byte*>(tile.data) + offset);
 }
-
-inline bool IsEmpty(const RECT32& r) { return r.x1 >= r.x2 || r.y1 >= r.y2; }
 
 }  // namespace kpx

@@ -18,8 +18,9 @@ constexpr kpx::Matrix kKernels[] = {
 
 // A settings container from the host gives the strength (entry 1).
 void StrengthFromContainer(void* settings, const KPX_CONTAINER* container) {
-    if (!container) return;
-    const double strength = kpx::Host().prefs->GetReal(container, 1, 0.0);
+    const KPX_PREFS_API* prefs = kpx::Host().prefs;
+    if (!container || !KPX_GROUP_HAS(prefs, GetReal)) return;
+    const double strength = prefs->GetReal(container, 1, 0.0);
     static_cast<KernelSettings*>(settings)->strength =
         std::clamp(static_cast<float>(strength), 0.0f, 1.0f);
 }
