@@ -123,7 +123,11 @@ int32_t RunHeadless(const BitmapFilterDescriptor& record, const FilterKey& filte
     script.image_view = false;
     try {
         return RunDialog(record, document, settings, script, gadgets);
-    } catch (const std::invalid_argument& error) {  // an unknown gadget or a bad value
+    } catch (const UnknownGadget& error) {
+        if (error.gadget == kBorderGadget)
+            throw CliError(kExitUsage, "filter " + Quoted(filter.key) + " has no border mode");
+        throw CliError(kExitUsage, error.what());
+    } catch (const std::invalid_argument& error) {  // a bad value
         throw CliError(kExitUsage, error.what());
     } catch (const std::runtime_error& error) {  // the module could not build its dialog
         throw CliError(kExitFilter,
@@ -149,26 +153,16 @@ std::vector<GadgetInfo> DialogGadgets(const BitmapFilterDescriptor& record,
     return gadgets;
 }
 
-bool HasGadget(const std::vector<GadgetInfo>& gadgets, std::string_view name) {
-    return std::any_of(gadgets.begin(), gadgets.end(),
-                       [&](const GadgetInfo& gadget) { return gadget.name == name; });
-}
-
 // --border and --set: the dialog opened on the settings, the border check box
-// set first, then each change in order, and confirmed. Which gadgets a dialog
-// has is known only once it is open, so --border looks first in one opened on
-// the defaults and cancelled.
+// set first, then each change in order, and confirmed.
 void EditInDialog(const BitmapFilterDescriptor& record, const FilterKey& filter, Document& document,
                   Settings& settings, const Options& options) {
     if (!HasDialog(filter))
         throw CliError(kExitUsage, "filter " + Quoted(filter.key) +
                                        " has no settings dialog; --set and --border need one");
     DialogScript script;
-    if (options.border_wrap) {
-        if (!HasGadget(DialogGadgets(record, filter), kBorderGadget))
-            throw CliError(kExitUsage, "filter " + Quoted(filter.key) + " has no border mode");
+    if (options.border_wrap)
         script.changes.push_back({kBorderGadget, *options.border_wrap ? "1" : "0"});
-    }
     script.changes.insert(script.changes.end(), options.changes.begin(), options.changes.end());
     const int32_t status = RunHeadless(record, filter, document, settings, script);
     if (status != kConfirmed)

@@ -126,7 +126,7 @@ DialogGadget& Named(KPX_DIALOG& dialog, const std::string& name) {
     for (const DialogGadget& g : dialog.gadgets)
         if (g.info.kind != "group" && g.info.kind != "userarea")
             names += (names.empty() ? "" : ", ") + g.info.name;
-    throw std::invalid_argument("no gadget '" + name + "' in this dialog; gadgets: " + names);
+    throw UnknownGadget(name, "no gadget '" + name + "' in this dialog; gadgets: " + names);
 }
 
 void RunScript(KPX_DIALOG& dialog, const DialogScript& script) {

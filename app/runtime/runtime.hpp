@@ -14,8 +14,10 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace bf {
@@ -284,6 +286,13 @@ struct GadgetInfo {
 struct GadgetChange {
     std::string gadget;
     std::string value;
+};
+
+// What RunDialog throws for a change naming a gadget the dialog does not have.
+struct UnknownGadget : std::invalid_argument {
+    UnknownGadget(std::string name, const std::string& message)
+        : std::invalid_argument(message), gadget(std::move(name)) {}
+    std::string gadget;  // as the change named it
 };
 
 struct DialogScript {
