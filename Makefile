@@ -23,20 +23,22 @@ deps:
 	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
 	fi
 
-$(BUILD)/CMakeCache.txt:
-	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+# Configure whenever the generated build is missing, not only the cache: a
+# configure that stopped half way (packages missing, Ctrl-C) leaves a
+# CMakeCache.txt and no Makefile. A failed configure removes its cache, so the
+# next one starts afresh.
+$(BUILD)/Makefile: | deps
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) || { rm -f $(BUILD)/CMakeCache.txt; exit 1; }
 
-build: $(BUILD)/CMakeCache.txt
+build: deps $(BUILD)/Makefile
 	cmake --build $(BUILD) -j $(JOBS)
 
-test: deps
-	$(MAKE) build
+test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
 # Every available filter with its default settings on the sample, then one
 # contact sheet of the sample and all the results; each command says what it wrote.
-demo: deps
-	$(MAKE) build
+demo: build
 	@mkdir -p out
 	@bf=$(BUILD)/bin/bitmapfilter; images=examples/sample.png; \
 	list=$$($$bf list) || exit 1; \
@@ -46,8 +48,7 @@ demo: deps
 	done; \
 	$$bf contact-sheet out/contact-sheet.png $$images
 
-bench: deps
-	$(MAKE) build
+bench: build
 	$(BUILD)/bench/bf_bench
 
 # The test suite under AddressSanitizer and UndefinedBehaviorSanitizer, and
