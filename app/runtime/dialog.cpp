@@ -5,6 +5,9 @@
 
 #include <chrono>
 #include <cstring>
+#include <mutex>
+#include <optional>
+#include <set>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -45,6 +48,45 @@ struct DialogRun {
     std::exception_ptr error;
 };
 thread_local DialogRun* t_run = nullptr;
+
+// The images of dialogs run for a host without an image view, for the whole
+// of the filter's Execute: the module asks for its view bitmap while the
+// dialog is open and again after it closed, and may ask from any thread.
+struct ViewlessImages {
+    std::mutex mutex;
+    std::set<const BM_INFO*> images;
+};
+
+ViewlessImages& Viewless() {
+    static ViewlessImages viewless;
+    return viewless;
+}
+
+bool HasImageView(const BM_INFO* image) {
+    ViewlessImages& viewless = Viewless();
+    std::lock_guard lock(viewless.mutex);
+    return !viewless.images.contains(image);
+}
+
+// Marks an image as having no image view while it lives.
+class NoImageView {
+public:
+    explicit NoImageView(const BM_INFO* image) : image_(image) {
+        ViewlessImages& viewless = Viewless();
+        std::lock_guard lock(viewless.mutex);
+        viewless.images.insert(image_);
+    }
+    ~NoImageView() {
+        ViewlessImages& viewless = Viewless();
+        std::lock_guard lock(viewless.mutex);
+        viewless.images.erase(image_);
+    }
+    NoImageView(const NoImageView&) = delete;
+    NoImageView& operator=(const NoImageView&) = delete;
+
+private:
+    const BM_INFO* image_;
+};
 
 DialogGadget* Find(KPX_DIALOG* dialog, int32_t id) {
     if (!dialog) return nullptr;
@@ -420,7 +462,7 @@ BM_INFO* CreatePreviewBitmap(const BM_INFO* image, int32_t max_width, int32_t ma
     h.record("CreatePreviewBitmap", {max_width, max_height, view});
     Application::State* app = h.application(image);
     if (!app || (!view && (max_width <= 0 || max_height <= 0))) return nullptr;
-    if (view && t_run && !t_run->script->image_view) return nullptr;
+    if (view && !HasImageView(image)) return nullptr;
     try {
         const RECT32 area = app->info.area;
         if (area.x2 <= area.x1 || area.y2 <= area.y1) return nullptr;
@@ -489,6 +531,8 @@ const KPX_DIALOG_API kDialogApi{sizeof(KPX_DIALOG_API),
 int32_t RunDialog(const BitmapFilterDescriptor& filter, Document& document, Settings& settings,
                   const DialogScript& script, std::vector<GadgetInfo>* gadgets) {
     DocumentView view(document);
+    std::optional<NoImageView> viewless;
+    if (!script.image_view) viewless.emplace(view.info());
     DialogRun run;
     run.script = &script;
     t_run = &run;
