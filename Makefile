@@ -36,17 +36,11 @@ build: deps $(BUILD)/Makefile
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-# Every available filter with its default settings on the sample, then one
-# contact sheet of the sample and all the results; each command says what it wrote.
+# Every available filter on the sample with settings that show what it does
+# (the table is in examples/demo.sh), then one contact sheet of the sample and
+# all the results; each command says what it wrote.
 demo: build
-	@mkdir -p out
-	@bf=$(BUILD)/bin/bitmapfilter; images=examples/sample.png; \
-	list=$$($$bf list) || exit 1; \
-	for key in $$(echo "$$list" | awk '!/ not available$$/ { print $$1 }'); do \
-	  $$bf apply $$key examples/sample.png out/sample-$$key.png || exit 1; \
-	  images="$$images out/sample-$$key.png"; \
-	done; \
-	$$bf contact-sheet out/contact-sheet.png $$images
+	sh examples/demo.sh $(BUILD)/bin/bitmapfilter out
 
 bench: build
 	$(BUILD)/bench/bf_bench

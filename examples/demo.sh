@@ -1,0 +1,37 @@
+#!/bin/sh
+# The demo: every available filter applied to the sample with settings that
+# show what it does, then one contact sheet of the sample and all the results.
+# Usage: demo.sh BITMAPFILTER OUTPUT_FOLDER
+set -eu
+bf=$1
+out=$2
+sample=$(dirname "$0")/sample.png
+
+# The settings each filter gets, as `--set` takes them (`bitmapfilter describe
+# KEY` lists the gadgets). A filter not listed runs with its defaults: they
+# already show its effect (smooth's, its strongest, shows at full size more
+# than on the sheet), or it has no dialog; so does a filter built later.
+settings() {
+    case $1 in
+    gamma)      echo "gamma=2.2" ;;
+    hsl)        echo "hue=120" ;;
+    matrix)     echo "matrix_0=-2 matrix_1=-1 matrix_2=0
+                      matrix_3=-1 matrix_4=1  matrix_5=1
+                      matrix_6=0  matrix_7=1  matrix_8=2" ;;  # a relief
+    sharpen)    echo "kernel=1" ;;                            # eight neighbours
+    details)    echo "kernel=2 strength=100" ;;               # 7 x 7
+    structures) echo "kernel=11" ;;                           # its vertical lines alone
+    threshold)  echo "levels=4" ;;
+    esac
+}
+
+mkdir -p "$out"
+list=$("$bf" list)
+images=$sample
+for key in $(echo "$list" | awk '!/ not available$/ { print $1 }'); do
+    set --
+    for setting in $(settings "$key"); do set -- "$@" --set "$setting"; done
+    "$bf" apply "$key" "$sample" "$out/sample-$key.png" "$@"
+    images="$images $out/sample-$key.png"
+done
+"$bf" contact-sheet "$out/contact-sheet.png" $images
