@@ -8,35 +8,16 @@
 #include "kpx_preview/matrixutil.hpp"
 
 #include "kpx_client.hpp"
+#include "kpx_preview/pixeltraits.hpp"
 
 #include <array>
 #include <cstring>
-#include <type_traits>
 
 #include <emmintrin.h>
 
 namespace kpx {
 
 namespace {
-
-template <class T>
-constexpr float kMax = 0.0f;
-template <>
-constexpr float kMax<uint8_t> = 255.0f;
-template <>
-constexpr float kMax<uint16_t> = 65535.0f;
-
-// One output value: integers are clamped and rounded half up, floats kept.
-template <class T>
-T StoreValue(float sum) {
-    if constexpr (std::is_same_v<T, float>) {
-        return sum;
-    } else {
-        if (sum < 0.0f) return 0;
-        if (sum > kMax<T>) return static_cast<T>(kMax<T>);
-        return static_cast<T>(sum + 0.5f);
-    }
-}
 
 template <class T>
 std::array<const T*, kMaxMatrixSide> TypedRows(const void* const* rows, int32_t count) {
@@ -101,8 +82,8 @@ void AlphaSquareU8(const Matrix& matrix, const std::array<const uint8_t*, kMaxMa
         alignas(16) float lanes[4];
         _mm_store_ps(lanes, sum);
         const float divisor = lanes[0] == 0.0f ? 1.0f : lanes[0];
-        out[0] = StoreValue<uint8_t>(lanes[0]);
-        for (int k = 1; k < C; ++k) out[k] = StoreValue<uint8_t>(lanes[k] / divisor);
+        out[0] = PixelTraits<uint8_t>::StoreRounded(lanes[0]);
+        for (int k = 1; k < C; ++k) out[k] = PixelTraits<uint8_t>::StoreRounded(lanes[k] / divisor);
     }
 }
 
@@ -119,7 +100,7 @@ void AddSixteen(__m128 (&sum)[4], float weight, const uint8_t* p) {
 }
 
 // The u8 store of sixteen sums: clamping to 0..255 first and then adding 0.5
-// gives what StoreValue gives for each.
+// gives what StoreRounded gives for each.
 void StoreSixteen(const __m128 (&sum)[4], uint8_t* out) {
     const __m128 zero = _mm_setzero_ps(), top = _mm_set1_ps(255.0f), half = _mm_set1_ps(0.5f);
     __m128i rounded[4];
@@ -139,7 +120,8 @@ void ConvolveLinePlain(const Convolution& convolution, const void* const* rows, 
     const auto n = static_cast<int32_t>(convolution.components);
     const auto source = TypedRows<T>(rows, matrix.rows);
     T* out = static_cast<T*>(dest);
-    for (int32_t j = 0; j < width * n; ++j) out[j] = StoreValue<T>(PlainSum(matrix, source, n, j));
+    for (int32_t j = 0; j < width * n; ++j)
+        out[j] = PixelTraits<T>::StoreRounded(PlainSum(matrix, source, n, j));
 }
 
 template <class T>
@@ -152,7 +134,7 @@ void ConvolveLineAlpha(const Convolution& convolution, const void* const* rows, 
     for (int32_t i = 0; i < width; ++i, out += n) {
         const int32_t first = i * n;  // the pixel's alpha in each row
         const float alpha = PlainSum(matrix, source, n, first);
-        out[0] = StoreValue<T>(alpha);
+        out[0] = PixelTraits<T>::StoreRounded(alpha);
         const float divisor = alpha == 0.0f ? 1.0f : alpha;
         for (int32_t k = 1; k < n; ++k) {
             float sum = 0.0f;
@@ -162,7 +144,7 @@ void ConvolveLineAlpha(const Convolution& convolution, const void* const* rows, 
                 for (int32_t c = 0; c < matrix.columns; ++c, p += n)
                     sum += w[c] * static_cast<float>(p[0]) * static_cast<float>(p[k]);
             }
-            out[k] = StoreValue<T>(sum / divisor);
+            out[k] = PixelTraits<T>::StoreRounded(sum / divisor);
         }
     }
 }
@@ -184,7 +166,8 @@ void ConvolveLineSquareU8(const Convolution& convolution, const void* const* row
         }
         StoreSixteen(sum, out + j);
     }
-    for (; j < count; ++j) out[j] = StoreValue<uint8_t>(PlainSum(matrix, source, n, j));
+    for (; j < count; ++j)
+        out[j] = PixelTraits<uint8_t>::StoreRounded(PlainSum(matrix, source, n, j));
 }
 
 template <int N>
