@@ -110,25 +110,37 @@ private:
 
 // ---- progress and break ----------------------------------------------------
 
+inline bool TestBreak(BaseThread* thread) {
+    return Host().progress->TestBreak(thread) != 0;
+}
+
+// The progress display of one run and its break test. The display begins
+// when the object is made and ends with it; every step shows `caption`, which
+// must outlive the object.
 class Progress {
 public:
-    explicit Progress(BM_INFO* info) : info_(info), handle_(Host().progress->BeginProgress(info)) {}
+    Progress(BM_INFO* info, const String& caption, BaseThread* thread = nullptr)
+        : info_(info),
+          thread_(thread),
+          caption_(caption),
+          handle_(Host().progress->BeginProgress(info)) {}
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
     ~Progress() { Host().progress->EndProgress(info_, handle_); }
 
-    void set(int32_t done, int32_t total, const String& caption) const {
-        Host().progress->SetProgress(info_, handle_, done, total, caption.get());
+    void Set(int32_t done, int32_t total) const {
+        Host().progress->SetProgress(info_, handle_, done, total, caption_.get());
     }
+    // True when the user asked the run's thread to stop (the host is asked
+    // even when the run has no thread).
+    bool Stopped() const { return TestBreak(thread_); }
 
 private:
     BM_INFO* info_;
+    BaseThread* thread_;
+    const String& caption_;
     void* handle_;
 };
-
-inline bool TestBreak(BaseThread* thread) {
-    return Host().progress->TestBreak(thread) != 0;
-}
 
 // Reports a fault the module cannot go on from ("Stop", file, line).
 inline void CriticalStop(std::source_location where = std::source_location::current()) {

@@ -274,45 +274,19 @@ private:
 
 // ---- locks ---------------------------------------------------------------------
 
-// Owns one host lock.
-class HostLock {
+// Holds a host lock for a scope; false when the host refused it, and a
+// refused lock is never unlocked. The lock itself belongs to its owner (a
+// settings record keeps a plain handle).
+class LockScope {
 public:
-    HostLock() : lock_(Api() ? Api()->Create() : nullptr) {}
-    HostLock(const HostLock&) = delete;
-    HostLock& operator=(const HostLock&) = delete;
-    ~HostLock() {
-        if (lock_) Api()->Free(lock_);
+    explicit LockScope(KPX_LOCK* lock) : lock_(Host().lock->Lock(lock) != 0 ? lock : nullptr) {}
+    LockScope(const LockScope&) = delete;
+    LockScope& operator=(const LockScope&) = delete;
+    ~LockScope() {
+        if (lock_) Host().lock->Unlock(lock_);
     }
 
     explicit operator bool() const { return lock_ != nullptr; }
-    // False when the host refuses (or there is no lock).
-    bool Lock() { return lock_ && Api()->Lock(lock_) != 0; }
-    void Unlock() {
-        if (lock_) Api()->Unlock(lock_);
-    }
-
-    // Holds the lock for a scope when the host granted it; a refused lock is
-    // reported by locked() and never unlocked.
-    class Guard {
-    public:
-        explicit Guard(HostLock& lock) : lock_(lock), locked_(lock.Lock()) {}
-        Guard(const Guard&) = delete;
-        Guard& operator=(const Guard&) = delete;
-        ~Guard() {
-            if (locked_) lock_.Unlock();
-        }
-        bool locked() const { return locked_; }
-        explicit operator bool() const { return locked_; }
-
-    private:
-        HostLock& lock_;
-        bool locked_;
-    };
-
-    static const KPX_LOCK_API* Api() {
-        const KPX_LOCK_API* api = Host().lock;
-        return KPX_GROUP_HAS(api, Unlock) ? api : nullptr;
-    }
 
 private:
     KPX_LOCK* lock_;

@@ -204,14 +204,14 @@ int32_t WalkLines(BM_INFO* info, const BM_TILE& tile, uint32_t extra, LineFn& li
     const std::size_t count = static_cast<std::size_t>(rect.x2 - rect.x1) * components;
 
     const kpx::String caption = LoadResourceString(kProgressCaption);
-    const kpx::Progress progress(info);
+    const kpx::Progress progress(info, caption);
     const std::unique_ptr<kpx::LineFetcher, DiscardFetcher> fetcher(kpx::CreateLineFetcher(
         info, rect.x1, rect.x2, extra, KPX_TILE_READ, nullptr, kpx::kFetchNotify));
     // Nothing was done, yet the tile goes back written and the run counts as done.
     if (!fetcher) return KPX_OK;
 
     for (int32_t y = rect.y1; y < rect.y2; ++y) {
-        progress.set(y - rect.y1 + 1, rect.y2 - rect.y1, caption);
+        progress.Set(y - rect.y1 + 1, rect.y2 - rect.y1);
         const T* source = static_cast<const T*>(kpx::FetchLine(fetcher.get(), y));
         if (!source) return KPX_NO_MEMORY;
         line(LinePair<T>{{source, count}, {kpx::TileLine<T>(tile, y), count}, components});
@@ -259,14 +259,14 @@ int32_t WalkTiles(BM_INFO* info, const RECT32& area, bool notify, BaseThread* th
     const int32_t h = info->tile_height;
     const int32_t total =
         (CellsUpTo(area.y2, h) - area.y1 / h) * (CellsUpTo(area.x2, w) - area.x1 / w);
-    const kpx::Progress progress(info);
+    const kpx::Progress progress(info, caption, thread);
     // Stays 1 when no tile is done: an empty area, or a first tile the host refused.
     int32_t status = KPX_STOPPED;
     int32_t index = 0;
     for (int32_t y = GridDown(area.y1, h); y < area.y2; y += h) {
         for (int32_t x = GridDown(area.x1, w); x < area.x2; x += w, ++index) {
-            if (thread && kpx::TestBreak(thread)) return KPX_STOPPED;
-            progress.set(index, total, caption);
+            if (thread && progress.Stopped()) return KPX_STOPPED;
+            progress.Set(index, total);
             const RECT32 cell{std::max(x, area.x1), std::max(y, area.y1), std::min(x + w, area.x2),
                               std::min(y + h, area.y2)};
             kpx::TileLease tile(info, cell, KPX_TILE_WRITE);

@@ -11,24 +11,6 @@ namespace bfm {
 
 namespace {
 
-// Holds the record's host lock for a scope; false when the host refused it.
-// (kpx::HostLock owns its lock; a settings record holds a plain handle.)
-class LockScope {
-public:
-    explicit LockScope(KPX_LOCK* lock)
-        : lock_(kpx::Host().lock->Lock(lock) != 0 ? lock : nullptr) {}
-    LockScope(const LockScope&) = delete;
-    LockScope& operator=(const LockScope&) = delete;
-    ~LockScope() {
-        if (lock_) kpx::Host().lock->Unlock(lock_);
-    }
-
-    explicit operator bool() const { return lock_ != nullptr; }
-
-private:
-    KPX_LOCK* lock_;
-};
-
 ConvolutionCache& CacheOf(void* settings, std::size_t cache_offset) {
     return *reinterpret_cast<ConvolutionCache*>(static_cast<std::byte*>(settings) + cache_offset);
 }
@@ -39,7 +21,7 @@ ConvolutionCache& CacheOf(void* settings, std::size_t cache_offset) {
 // stays valid for the run.
 const kpx::Convolution* PreparedConvolution(BM_INFO* info, ConvolutionCache& cache,
                                             const ConvolutionInput& input, int32_t& status) {
-    const LockScope lock(cache.lock);
+    const kpx::LockScope lock(cache.lock);
     if (!lock) {
         status = KPX_WORKER_STOPPED;
         return nullptr;

@@ -102,7 +102,7 @@ void WriteBack(BM_INFO* bitmap, TileLease& tile) {
 
 // The strip loop of ConvolveArea, with the fetcher and progress already made.
 int32_t ConvolveStrips(BM_INFO* bitmap, const Convolution& convolution, LineFetcher* fetcher,
-                       BaseThread* thread, const Progress& progress, const String& caption) {
+                       const Progress& progress) {
     const RECT32 area = bitmap->area;
     const int32_t strip = bitmap->tile_height;
     const int32_t total = (strip + area.y2 - area.y1 - 1) / strip;
@@ -112,12 +112,13 @@ int32_t ConvolveStrips(BM_INFO* bitmap, const Convolution& convolution, LineFetc
     std::byte* out = nullptr;
     for (int32_t y = area.y1, i = 0; y < area.y2; ++y, ++i) {
         if (i % strip == 0) {
-            progress.set(i / strip, total, caption);
+            progress.Set(i / strip, total);
             if (dest) WriteBack(bitmap, *dest);
             const RECT32 rect{area.x1, y, area.x2, std::min(area.y2, y + strip)};
             dest.emplace(bitmap, rect, KPX_TILE_WRITE);
             if (!*dest) return KPX_NO_MEMORY;
-            if (TestBreak(thread)) return KPX_WORKER_STOPPED;  // the fresh tile goes back unwritten
+            if (progress.Stopped())
+                return KPX_WORKER_STOPPED;  // the fresh tile goes back unwritten
             out = static_cast<std::byte*>((*dest)->data);
         }
         if (!source.Convolve(y, out, area.x2 - area.x1)) return KPX_NO_MEMORY;
@@ -202,8 +203,8 @@ int32_t ConvolveArea(BM_INFO* bitmap, const Convolution* convolution, BaseThread
     LineFetcher* fetcher =
         SourceFetcher(bitmap, convolution->matrix, bitmap->area.x1, bitmap->area.x2, border_mode);
     if (!fetcher) return KPX_OK;  // nothing written, and deliberately not an error
-    const Progress progress(bitmap);
-    const int32_t status = ConvolveStrips(bitmap, *convolution, fetcher, thread, progress, caption);
+    const Progress progress(bitmap, caption, thread);
+    const int32_t status = ConvolveStrips(bitmap, *convolution, fetcher, progress);
     FreeLineFetcher(fetcher, 1);
     return status;  // the progress ends after the fetcher is freed
 }

@@ -52,8 +52,8 @@ void ConvolveLine(const Convolution* convolution, const void* const* rows, void*
 // cannot be read.
 int32_t ConvolveTile(BM_INFO* bitmap, BM_TILE* dest, const Convolution* convolution,
                      uint32_t border_mode);
-// Writes the whole filtered area of the bitmap strip by strip: 0, 2 (user
-// break) or -2 (out of memory).
+// Writes the whole filtered area of the bitmap strip by strip, showing its
+// progress with `caption`: 0, 2 (user break) or -2 (out of memory).
 int32_t ConvolveArea(BM_INFO* bitmap, const Convolution* convolution, BaseThread* thread,
                      uint32_t border_mode, const String& caption);
 void FreeConvolution(Convolution* convolution);  // null is ignored
