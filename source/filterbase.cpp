@@ -1,5 +1,5 @@
 // filterbase.cpp - settings records and blobs read and written from their
-// field tables.
+// rows.
 #include "filterbase.hpp"
 
 #include <cstring>
@@ -22,27 +22,6 @@ void Store(std::byte* at, T value) {
     std::memcpy(at, &value, sizeof value);
 }
 
-double ReadField(const std::byte* at, FieldType type) {
-    switch (type) {
-        case FieldType::U8: return Load<uint8_t>(at);
-        case FieldType::U32: return Load<uint32_t>(at);
-        case FieldType::I32: return Load<int32_t>(at);
-        case FieldType::F32: return Load<float>(at);
-        case FieldType::F64: return Load<double>(at);
-    }
-    return 0;
-}
-
-void WriteField(std::byte* at, FieldType type, double value) {
-    switch (type) {
-        case FieldType::U8: Store(at, static_cast<uint8_t>(value)); break;
-        case FieldType::U32: Store(at, static_cast<uint32_t>(value)); break;
-        case FieldType::I32: Store(at, static_cast<int32_t>(value)); break;
-        case FieldType::F32: Store(at, static_cast<float>(value)); break;
-        case FieldType::F64: Store(at, value); break;
-    }
-}
-
 // NaN lies in no range.
 bool InRange(const SettingsField& field, double value) {
     switch (field.range) {
@@ -62,7 +41,7 @@ void* CreateSettings(const SettingsLayout& layout) {
     std::memset(record, 0, layout.size);
     Store(record, layout.code);
     for (const SettingsField& field : layout.fields)
-        WriteField(record + field.offset, field.type, field.initial);
+        if (HoldsField(field)) WriteField(record, field, field.initial);
     return record;
 }
 
@@ -101,10 +80,11 @@ void RestoreFields(const SettingsLayout& layout, const void* blob, void* setting
     const std::size_t stored = Load<uint32_t>(bytes + offsetof(KPX_BLOB_HEADER, size));
     const std::byte* record = bytes + kHeaderSize;
     for (const SettingsField& field : layout.fields) {
+        if (!HoldsField(field)) continue;
         const std::size_t width = FieldWidth(field.type);
         // A field beyond the stored size was not stored: its default stays.
         if (kHeaderSize + field.offset + width > stored) continue;
-        if (!InRange(field, ReadField(record + field.offset, field.type))) continue;
+        if (!InRange(field, ReadField(record, field))) continue;
         std::memcpy(static_cast<std::byte*>(settings) + field.offset, record + field.offset, width);
     }
 }

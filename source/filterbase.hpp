@@ -1,8 +1,10 @@
-// filterbase.hpp - what every filter shares: settings described as data, the
-// settings blob, the exception-catching callback shims that make a filter
-// record, the component-type dispatch and the line-wise apply frame.
+// filterbase.hpp - what every filter shares: settings records made from their
+// rows, the settings blob, the exception-catching callback shims that make a
+// filter record, the component-type dispatch and the line-wise and tiled
+// apply frames.
 #pragma once
 
+#include "filterfields.hpp"
 #include "filtermain.hpp"
 #include "kpx_api.h"
 #include "kpx_client.hpp"
@@ -18,57 +20,7 @@
 
 namespace bfm {
 
-// ---- settings as data ----------------------------------------------------------
-
-enum class FieldType : uint8_t { U8, U32, I32, F32, F64 };
-
-// How a stored value is checked before a blob's value replaces the default.
-enum class BlobRange : uint8_t {
-    Inclusive,  // min <= value <= max
-    Exclusive,  // min < value < max
-    Any,        // taken as stored
-    NotRead,    // the default always stays
-};
-
-// One field of a settings record. Values are held as double, which represents
-// every value of the field types exactly.
-struct SettingsField {
-    uint32_t offset;
-    FieldType type;
-    double initial;  // the default
-    double min = 0;
-    double max = 0;
-    BlobRange range = BlobRange::Inclusive;
-    int32_t gadget = 0;  // the dialog gadget that edits it, 0 for none
-};
-
-constexpr std::size_t FieldWidth(FieldType type) {
-    switch (type) {
-        case FieldType::U8: return 1;
-        case FieldType::U32:
-        case FieldType::I32:
-        case FieldType::F32: return 4;
-        case FieldType::F64: return 8;
-    }
-    return 0;
-}
-
-// A filter's settings record: its code, its size and its fields. Bytes that no
-// field covers start at zero (prepared data, reserved words).
-struct SettingsLayout {
-    uint32_t code;
-    uint32_t size;
-    std::span<const SettingsField> fields;
-};
-
-// For a static_assert beside each layout: every field lies behind the code and
-// inside the record.
-constexpr bool FieldsFit(const SettingsLayout& layout) {
-    for (const SettingsField& field : layout.fields)
-        if (field.offset < sizeof(uint32_t) || field.offset + FieldWidth(field.type) > layout.size)
-            return false;
-    return true;
-}
+// ---- settings records ---------------------------------------------------------
 
 // A new record from the host with the code and every default; null when the
 // host has no memory.

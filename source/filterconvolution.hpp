@@ -58,58 +58,37 @@ void DropConvolution(void* settings) {
     kpx::FreeConvolution(std::exchange(cache.convolution, nullptr));
 }
 
-// ---- dialog gadgets the filters share ---------------------------------------------
+// ---- settings rows the filters share -----------------------------------------------
 
-// Strength as a percent field holding 0 to 1; `step` in percent.
-constexpr DialogGadget StrengthGadget(int32_t id, uint32_t offset, double step) {
-    return {.id = id,
-            .offset = offset,
+// The strength, 0 to 1, behind a percent gadget; `step` in percent.
+constexpr SettingsField StrengthRow(uint32_t offset, double initial, int32_t gadget, double step) {
+    return {.offset = offset,
             .type = FieldType::F32,
-            .kind = GadgetKind::Percent,
+            .initial = initial,
             .min = 0.0,
             .max = 1.0,
-            .step = step / 100.0};
+            .gadget = {.id = gadget, .kind = GadgetKind::Percent, .step = step / 100.0}};
 }
 
-// The angle as a degree field holding radians (0 to a full turn, in tenths of
-// a degree) over a field in degrees.
-constexpr DialogGadget AngleGadget(int32_t id, uint32_t offset) {
-    return {.id = id,
-            .offset = offset,
+// The angle in degrees, 0 to 360, behind a degree gadget holding radians (0 to
+// a full turn, in tenths of a degree).
+constexpr SettingsField AngleRow(uint32_t offset, int32_t gadget) {
+    return {.offset = offset,
             .type = FieldType::F32,
-            .kind = GadgetKind::Degree,
+            .initial = 0.0,
             .min = 0.0,
-            .max = 2 * std::numbers::pi,
-            .step = 0.1 * kDegreesToRadians};
+            .max = 360.0,
+            .gadget = {.id = gadget,
+                       .kind = GadgetKind::Degree,
+                       .min = 0.0,
+                       .max = 2 * std::numbers::pi,
+                       .step = 0.1 * kDegreesToRadians}};
 }
 
-// The choice of a row of the filter's kernel table.
-constexpr DialogGadget KernelGadget(int32_t id, uint32_t offset, uint32_t count) {
-    return {.id = id,
-            .offset = offset,
-            .type = FieldType::U32,
-            .kind = GadgetKind::Choice,
-            .min = 0,
-            .max = static_cast<double>(count - 1),
-            .step = 1};
-}
-
-// Each filter's apply routine: the record's Execute runs it over the whole
-// area (no area, tile or thread), the dialog's previews on their tiles.
-int32_t ApplyMatrix(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
-                    int32_t notify, BaseThread* thread);
+// Emboss's apply routine; the tests reach the convolution's preview paths
+// through it.
 int32_t ApplyEmboss(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
                     int32_t notify, BaseThread* thread);
-int32_t ApplySharpen(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
-                     int32_t notify, BaseThread* thread);
-int32_t ApplySmooth(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
-                    int32_t notify, BaseThread* thread);
-int32_t ApplyDetails(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
-                     int32_t notify, BaseThread* thread);
-int32_t ApplyStructures(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
-                        int32_t notify, BaseThread* thread);
-int32_t ApplyDifference(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
-                        int32_t notify, BaseThread* thread);
 
 // One convolution filter as its callbacks see it.
 struct ConvolutionFilterSpec {
@@ -220,9 +199,8 @@ struct KernelFilterInfo {
     void (*defaults)(void* settings, const KPX_CONTAINER* container) = nullptr;
 };
 
-// Settings, blob, dialog and apply of a kernel filter. Only the strength and
-// the angle come back from a blob: a restored filter uses its first kernel and
-// clamps at the edges.
+// Settings, blob, dialog and apply of a kernel filter. A restored filter uses
+// its first kernel and clamps at the edges.
 template <class Settings, const KernelFilterInfo& kInfo>
 class KernelFilter {
     static constexpr bool kTurns = requires(Settings s) { s.angle; };
@@ -239,67 +217,41 @@ public:
     }
 
 private:
+    // Only the strength and the angle come back from a blob.
     static constexpr auto kFields = [] {
-        const SettingsField strength{.offset = offsetof(Settings, strength),
-                                     .type = FieldType::F32,
-                                     .initial = kInfo.default_strength,
-                                     .min = 0.0,
-                                     .max = 1.0,
-                                     .gadget = kInfo.strength};
+        const SettingsField strength =
+            StrengthRow(offsetof(Settings, strength), kInfo.default_strength, kInfo.strength,
+                        kInfo.strength_step);
+        const SettingsField kernel{
+            .offset = offsetof(Settings, kernel),
+            .type = FieldType::U32,
+            .initial = 0,
+            .min = 0,
+            .max = static_cast<double>(kInfo.kernels.size() - 1),
+            .range = BlobRange::NotRead,
+            .gadget = {.id = kInfo.kernel, .kind = GadgetKind::Choice, .step = 1}};
         const SettingsField normalise{.offset = offsetof(Settings, normalise),
                                       .type = FieldType::U32,
                                       .initial = static_cast<double>(kInfo.normalise),
                                       .min = static_cast<double>(kInfo.normalise),
                                       .max = static_cast<double>(kInfo.normalise),
                                       .range = BlobRange::NotRead};
-        const SettingsField border{.offset = offsetof(Settings, border_mode),
-                                   .type = FieldType::U32,
-                                   .initial = KPX_BORDER_CLAMP,
-                                   .min = KPX_BORDER_CLAMP,
-                                   .max = KPX_BORDER_WRAP,
-                                   .range = BlobRange::NotRead,
-                                   .gadget = kInfo.border};
-        const SettingsField kernel{.offset = offsetof(Settings, kernel),
-                                   .type = FieldType::U32,
-                                   .initial = 0,
-                                   .min = 0,
-                                   .max = static_cast<double>(kInfo.kernels.size() - 1),
-                                   .range = BlobRange::NotRead,
-                                   .gadget = kInfo.kernel};
-        if constexpr (kTurns) {
-            const SettingsField angle{.offset = offsetof(Settings, angle),
-                                      .type = FieldType::F32,
-                                      .initial = 0.0,
-                                      .min = 0.0,
-                                      .max = 360.0,
-                                      .gadget = kInfo.angle};
-            return std::array{strength, angle, normalise, border, kernel};
-        } else {
-            return std::array{strength, normalise, border, kernel};
-        }
+        const SettingsField border = BorderRow(offsetof(Settings, border_mode), kInfo.border);
+        if constexpr (kTurns)
+            return std::array{strength,     AngleRow(offsetof(Settings, angle), kInfo.angle),
+                              kernel,       normalise,
+                              PreviewRow(), border};
+        else
+            return std::array{strength, kernel, normalise, PreviewRow(), border};
     }();
     static constexpr SettingsLayout kLayout{kInfo.code, sizeof(Settings), kFields};
     static_assert(FieldsFit(kLayout));
-
-    static constexpr auto kGadgets = [] {
-        const DialogGadget strength =
-            StrengthGadget(kInfo.strength, offsetof(Settings, strength), kInfo.strength_step);
-        const DialogGadget kernel = KernelGadget(kInfo.kernel, offsetof(Settings, kernel),
-                                                 static_cast<uint32_t>(kInfo.kernels.size()));
-        if constexpr (kTurns)
-            return std::array{strength, AngleGadget(kInfo.angle, offsetof(Settings, angle)),
-                              kernel};
-        else
-            return std::array{strength, kernel};
-    }();
 
     static constexpr DialogSpec kDialog{
         .layout_id = kInfo.layout,
         .preview_area = kInfo.preview_area,
         .preview_check = kInfo.preview_check,
-        .border_check = kInfo.border,
-        .border_offset = offsetof(Settings, border_mode),
-        .gadgets = kGadgets,
+        .fields = kFields,
         .apply = &Apply,
         .changed = &DropConvolution<Settings>,
     };

@@ -53,11 +53,6 @@ using Details = KernelFilter<KernelSettings, kInfo>;
 
 }  // namespace
 
-int32_t ApplyDetails(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
-                     int32_t notify, BaseThread* thread) {
-    return Details::Apply(info, area, tile, settings, notify, thread);
-}
-
 constexpr BitmapFilterDescriptor kDetailsFilter =
     MakeFilterRecord<ConvolutionFilter<Details::kSpec>>(kRow);
 

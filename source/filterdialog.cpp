@@ -4,70 +4,32 @@
 #include "kpx_preview/filter_prefs.hpp"
 
 #include <algorithm>
-#include <cstring>
 
 namespace bfm {
 
 namespace {
 
-// ---- settings fields by offset and type ------------------------------------------
-
-template <class T>
-T Load(const void* settings, uint32_t offset) {
-    T value;
-    std::memcpy(&value, static_cast<const std::byte*>(settings) + offset, sizeof value);
-    return value;
-}
-
-template <class T>
-void Store(void* settings, uint32_t offset, T value) {
-    std::memcpy(static_cast<std::byte*>(settings) + offset, &value, sizeof value);
-}
-
-double ReadField(const void* settings, uint32_t offset, FieldType type) {
-    switch (type) {
-        case FieldType::U8: return Load<uint8_t>(settings, offset);
-        case FieldType::U32: return Load<uint32_t>(settings, offset);
-        case FieldType::I32: return Load<int32_t>(settings, offset);
-        case FieldType::F32: return Load<float>(settings, offset);
-        case FieldType::F64: return Load<double>(settings, offset);
-    }
-    return 0;
-}
-
-// `value` as the field's type holds it: integers truncated toward zero,
-// f32 rounded to float.
-double AsFieldType(double value, FieldType type) {
-    switch (type) {
-        case FieldType::U8: return static_cast<uint8_t>(value);
-        case FieldType::U32: return static_cast<uint32_t>(value);
-        case FieldType::I32: return static_cast<int32_t>(value);
-        case FieldType::F32: return static_cast<float>(value);
-        case FieldType::F64: return value;
-    }
-    return 0;
-}
-
-void WriteField(void* settings, uint32_t offset, FieldType type, double value) {
-    switch (type) {
-        case FieldType::U8: Store(settings, offset, static_cast<uint8_t>(value)); break;
-        case FieldType::U32: Store(settings, offset, static_cast<uint32_t>(value)); break;
-        case FieldType::I32: Store(settings, offset, static_cast<int32_t>(value)); break;
-        case FieldType::F32: Store(settings, offset, static_cast<float>(value)); break;
-        case FieldType::F64: Store(settings, offset, value); break;
-    }
-}
-
 // ---- gadget units ------------------------------------------------------------------------
 
-double ScaleOf(const DialogGadget& gadget) {
+double ScaleOf(const Gadget& gadget) {
     if (gadget.scale != 0) return gadget.scale;
     return gadget.kind == GadgetKind::Degree ? kDegreesToRadians : 1.0;
 }
 
-double UnscaleOf(const DialogGadget& gadget) {
+double UnscaleOf(const Gadget& gadget) {
     if (gadget.unscale != 0) return gadget.unscale;
     return gadget.kind == GadgetKind::Degree ? kRadiansToDegrees : 1.0;
+}
+
+// The gadget's range in its own units: its own, or else the field's.
+double MinOf(const SettingsField& field) {
+    const Gadget& g = field.gadget;
+    return g.min == 0 && g.max == 0 ? field.min : g.min;
+}
+
+double MaxOf(const SettingsField& field) {
+    const Gadget& g = field.gadget;
+    return g.min == 0 && g.max == 0 ? field.max : g.max;
 }
 
 uint32_t FormatOf(GadgetKind kind) {
@@ -82,29 +44,34 @@ bool IsRealKind(GadgetKind kind) {
     return kind == GadgetKind::Real || kind == GadgetKind::Percent || kind == GadgetKind::Degree;
 }
 
+const SettingsField* FindBorder(std::span<const SettingsField> fields) {
+    const auto row = std::find_if(fields.begin(), fields.end(), [](const SettingsField& f) {
+        return f.gadget.kind == GadgetKind::Border;
+    });
+    return row == fields.end() ? nullptr : &*row;
+}
+
 }  // namespace
 
 // ---- running the dialog -------------------------------------------------------------------
 
 FilterDialog::FilterDialog(BM_INFO* info, void* settings, const DialogSpec& spec)
-    : info_(info), settings_(settings), spec_(spec) {}
+    : info_(info), settings_(settings), spec_(spec), border_(FindBorder(spec.fields)) {}
 
 FilterDialog::~FilterDialog() = default;
 
 int32_t FilterDialog::Run() {
     if (!info_) return 1;
     preview_.SetFlags(GetPreviewAllowed(), GetPreviewShown());
-    if (spec_.border_check)
-        Store<uint32_t>(settings_, spec_.border_offset,
-                        GetBorderMode2() ? KPX_BORDER_WRAP : KPX_BORDER_CLAMP);
+    if (border_)
+        WriteField(settings_, *border_, GetBorderMode2() ? KPX_BORDER_WRAP : KPX_BORDER_CLAMP);
 
     const bool confirmed = Open(-1, -1);
 
     if (layout_built_) {
         preview_.Close();
         SetPreviewShown(preview_.IsShown());
-        if (spec_.border_check)
-            SetBorderMode2(Load<uint32_t>(settings_, spec_.border_offset) == KPX_BORDER_WRAP);
+        if (border_) SetBorderMode2(ReadField(settings_, *border_) == KPX_BORDER_WRAP);
     }
     return confirmed ? 0 : 1;
 }
@@ -136,37 +103,36 @@ bool FilterDialog::CreateLayout() {
 
 bool FilterDialog::InitValues() {
     bool preview_set = false;
-    bool border_set = false;
-    for (const DialogGadget& gadget : spec_.gadgets) {
-        if (gadget.id == spec_.preview_check) {
+    for (const SettingsField& field : spec_.fields) {
+        if (field.gadget.kind == GadgetKind::Preview) {
             SetPreviewCheck();
             preview_set = true;
-        } else if (spec_.border_check && gadget.id == spec_.border_check) {
-            SetBorderCheck();
-            border_set = true;
         } else {
-            SetGadget(gadget);
+            SetGadget(field);
         }
     }
     if (!preview_set) SetPreviewCheck();
-    if (spec_.border_check && !border_set) SetBorderCheck();
     return InitExtra();
 }
 
-void FilterDialog::SetGadget(const DialogGadget& gadget) {
-    const double value = ReadField(settings_, gadget.offset, gadget.type);
+void FilterDialog::SetGadget(const SettingsField& field) {
+    const Gadget& gadget = field.gadget;
+    const double value = ReadField(settings_, field);
     switch (gadget.kind) {
+        case GadgetKind::None:
+        case GadgetKind::Preview: break;
         case GadgetKind::Check: SetBool(gadget.id, value != 0); break;
+        case GadgetKind::Border: SetBool(gadget.id, value == KPX_BORDER_WRAP); break;
         case GadgetKind::Integer:
         case GadgetKind::Choice:
-            SetInt(gadget.id, static_cast<int32_t>(value), static_cast<int32_t>(gadget.min),
-                   static_cast<int32_t>(gadget.max),
+            SetInt(gadget.id, static_cast<int32_t>(value), static_cast<int32_t>(MinOf(field)),
+                   static_cast<int32_t>(MaxOf(field)),
                    std::max(1, static_cast<int32_t>(gadget.step)));
             break;
         case GadgetKind::Real:
         case GadgetKind::Percent:
         case GadgetKind::Degree:
-            SetReal(gadget.id, value * ScaleOf(gadget), gadget.min, gadget.max, gadget.step,
+            SetReal(gadget.id, value * ScaleOf(gadget), MinOf(field), MaxOf(field), gadget.step,
                     FormatOf(gadget.kind));
             break;
     }
@@ -176,25 +142,29 @@ void FilterDialog::SetPreviewCheck() {
     SetBool(spec_.preview_check, preview_.IsShown());
 }
 
-void FilterDialog::SetBorderCheck() {
-    SetBool(spec_.border_check, Load<uint32_t>(settings_, spec_.border_offset) == KPX_BORDER_WRAP);
+void FilterDialog::ShowField(int32_t gadget) {
+    if (const SettingsField* field = Row(gadget)) SetGadget(*field);
 }
 
 // ---- changes -------------------------------------------------------------------------------
+
+const SettingsField* FilterDialog::Row(int32_t gadget) const {
+    const auto row = std::find_if(
+        spec_.fields.begin(), spec_.fields.end(), [gadget](const SettingsField& field) {
+            return field.gadget.kind != GadgetKind::None &&
+                   field.gadget.kind != GadgetKind::Preview && field.gadget.id == gadget;
+        });
+    return row == spec_.fields.end() ? nullptr : &*row;
+}
 
 bool FilterDialog::Command(int32_t gadget) {
     if (gadget == spec_.preview_check) {
         ChangePreviewShown();
         return true;
     }
-    if (spec_.border_check && gadget == spec_.border_check) {
-        ChangeBorder();
-        return true;
-    }
-    const auto row = std::find_if(spec_.gadgets.begin(), spec_.gadgets.end(),
-                                  [gadget](const DialogGadget& g) { return g.id == gadget; });
-    if (row == spec_.gadgets.end()) return CommandExtra(gadget);
-    ChangeField(*row);
+    const SettingsField* field = Row(gadget);
+    if (!field) return CommandExtra(gadget);
+    ChangeField(*field);
     return true;
 }
 
@@ -203,24 +173,19 @@ void FilterDialog::ChangePreviewShown() {
     if (GetBool(spec_.preview_check, shown)) preview_.SetShown(shown);
 }
 
-void FilterDialog::ChangeBorder() {
-    bool wrap = false;
-    if (!GetBool(spec_.border_check, wrap)) return;
-    const uint32_t word = wrap ? KPX_BORDER_WRAP : KPX_BORDER_CLAMP;
-    if (word == Load<uint32_t>(settings_, spec_.border_offset)) return;
-    BeginChange();
-    Store(settings_, spec_.border_offset, word);
-    EndChange();
-}
-
 // Reads the gadget into its field; a value equal to the current one changes
-// nothing, so the preview keeps running.
-void FilterDialog::ChangeField(const DialogGadget& gadget) {
+// nothing, so the preview keeps running. Fields linked to it follow before
+// the preview restarts.
+void FilterDialog::ChangeField(const SettingsField& field) {
+    const Gadget& gadget = field.gadget;
     double value = 0;
-    if (gadget.kind == GadgetKind::Check) {
+    if (gadget.kind == GadgetKind::Check || gadget.kind == GadgetKind::Border) {
         bool on = false;
         if (!GetBool(gadget.id, on)) return;
-        value = on ? 1 : 0;
+        if (gadget.kind == GadgetKind::Border)
+            value = on ? KPX_BORDER_WRAP : KPX_BORDER_CLAMP;
+        else
+            value = on ? 1 : 0;
     } else if (IsRealKind(gadget.kind)) {
         if (!GetReal(gadget.id, value)) return;
         value *= UnscaleOf(gadget);
@@ -229,10 +194,11 @@ void FilterDialog::ChangeField(const DialogGadget& gadget) {
         if (!GetInt(gadget.id, index)) return;
         value = index;
     }
-    value = AsFieldType(value, gadget.type);
-    if (value == ReadField(settings_, gadget.offset, gadget.type)) return;
+    value = AsFieldType(value, field.type);
+    if (value == ReadField(settings_, field)) return;
     BeginChange();
-    WriteField(settings_, gadget.offset, gadget.type, value);
+    WriteField(settings_, field, value);
+    if (gadget.link) gadget.link(*this, settings_);
     EndChange();
 }
 

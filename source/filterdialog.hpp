@@ -1,5 +1,5 @@
 // filterdialog.hpp - the settings dialog every filter with parameters shows,
-// written once: its gadgets are a table bound to settings fields, the preview
+// written once: its gadgets are the settings rows that have one, the preview
 // runs the filter's own apply routine, and the shared preferences (preview
 // shown, border mode 2) carry over from one dialog to the next.
 #pragma once
@@ -13,51 +13,15 @@
 
 namespace bfm {
 
-enum class GadgetKind : uint8_t {
-    Real,     // real-number field ("frea")
-    Integer,  // integer field
-    Percent,  // real-number field shown x100 ("fpct")
-    Degree,   // real-number field holding radians, shown in degrees ("fdgr")
-    Check,    // check box: the field is 0 or 1
-    Choice,   // choice of an index from min to max
-};
-
-// What degree gadgets convert with unless their row says otherwise.
-inline constexpr double kDegreesToRadians = 0.017453292;
-inline constexpr double kRadiansToDegrees = 57.29578;
-
-// One dialog gadget bound to a settings field.
-//
-// min, max and step are in the gadget's own units, as the host's set call
-// takes them: radians for degree gadgets, fractions for percent gadgets.
-// The gadget shows field x scale; a value read back is stored as
-// gadget x unscale (then truncated to the field's type). Zero in both means
-// the kind's own pair: kDegreesToRadians / kRadiansToDegrees for Degree,
-// 1 / 1 otherwise. A field that holds a percent behind a percent gadget uses
-// scale 0.01, unscale 100.
-struct DialogGadget {
-    int32_t id;
-    uint32_t offset;
-    FieldType type;
-    GadgetKind kind;
-    double min = 0;
-    double max = 0;
-    double step = 0;
-    double scale = 0;
-    double unscale = 0;
-};
-
 // How a dialog is built and what its preview runs.
 struct DialogSpec {
-    int32_t layout_id;           // dialog resource id (Gamma 10096)
-    int32_t preview_area;        // user-area gadget (Gamma 10102)
-    int32_t preview_check;       // preview-shown check box (Gamma 10100)
-    int32_t border_check = 0;    // border-mode-2 check box, 0 when the filter has none
-    uint32_t border_offset = 0;  // settings offset of the u32 border mode word (1 or 2)
-    // In the order InitValues sets them. A row whose id is the preview or the
-    // border check box only marks where that box is set; boxes without a row
-    // are set after the table.
-    std::span<const DialogGadget> gadgets;
+    int32_t layout_id;      // dialog resource id (Gamma 10096)
+    int32_t preview_area;   // user-area gadget (Gamma 10102)
+    int32_t preview_check;  // preview-shown check box (Gamma 10100)
+    // The settings rows; InitValues sets their gadgets in this order. A
+    // PreviewRow() marks where the preview check box is set; without one it is
+    // set after the others. A row of kind Border is the filter's border choice.
+    std::span<const SettingsField> fields;
     ApplyFn apply;  // the filter's apply routine, run by the previews
     // The filter's PrepareApply, called after every change so derived tables
     // are current (null: nothing to prepare).
@@ -81,6 +45,9 @@ public:
     bool InitValues() override;
     bool Command(int32_t gadget) override;
 
+    // Sets the gadget with that id from its field again (for link hooks).
+    void ShowField(int32_t gadget);
+
 protected:
     // Hooks for derived dialogs: after the table's gadgets are set, and for a
     // gadget that is not in the table (true when handled).
@@ -98,16 +65,16 @@ protected:
     const DialogSpec& spec() const { return spec_; }
 
 private:
-    void ChangeField(const DialogGadget& gadget);
-    void SetGadget(const DialogGadget& gadget);
+    const SettingsField* Row(int32_t gadget) const;
+    void ChangeField(const SettingsField& field);
+    void SetGadget(const SettingsField& field);
     void SetPreviewCheck();
-    void SetBorderCheck();
     void ChangePreviewShown();
-    void ChangeBorder();
 
     BM_INFO* info_;
     void* settings_;
     const DialogSpec& spec_;
+    const SettingsField* border_;  // the border row, null when the filter has none
     bool layout_built_ = false;
     PreviewController preview_;
 };

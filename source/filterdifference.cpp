@@ -34,11 +34,6 @@ using Difference = KernelFilter<TurnedKernelSettings, kInfo>;
 
 }  // namespace
 
-int32_t ApplyDifference(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
-                        int32_t notify, BaseThread* thread) {
-    return Difference::Apply(info, area, tile, settings, notify, thread);
-}
-
 constexpr BitmapFilterDescriptor kDifferenceFilter =
     MakeFilterRecord<ConvolutionFilter<Difference::kSpec>>(kRow);
 

@@ -1,12 +1,11 @@
 // filtergamma.cpp - Gamma: a gamma curve, then a contrast change around a
 // pivot and a brightness offset, per colour component. Integer images read a
 // lookup table that PrepareApply builds; float images evaluate the curve.
-#include "filterbase.hpp"
-#include "filterdialog.hpp"
+#include "filterplain.hpp"
+#include "kpx_preview/pixeltraits.hpp"
 
 #include <cmath>
 #include <cstddef>
-#include <limits>
 #include <type_traits>
 
 namespace bfm {
@@ -48,34 +47,34 @@ constexpr const FilterRow& kRow = FilterRowOf("gamma");
 constexpr uint32_t kGammaCode = FourCC("gama");
 static_assert(kRow.code == kGammaCode);
 
-constexpr SettingsField kGammaFields[] = {
+// In the order the dialog sets them, the curve box and the preview box first.
+constexpr SettingsField kFields[] = {
+    {.offset = offsetof(GammaSettings, curved),
+     .type = FieldType::U8,
+     .initial = 0,
+     .range = BlobRange::Any,
+     .gadget = {.id = 10101, .kind = GadgetKind::Check}},
+    PreviewRow(),
     {.offset = offsetof(GammaSettings, gamma),
      .type = FieldType::F64,
      .initial = 1.0,
      .min = 0.1,
      .max = 10.0,
      .range = BlobRange::Exclusive,
-     .gadget = 10097},
+     .gadget = {.id = 10097, .kind = GadgetKind::Real, .step = 0.05}},
     {.offset = offsetof(GammaSettings, contrast),
      .type = FieldType::F64,
      .initial = 0,
      .min = -100,
      .max = 100,
-     .gadget = 10098},
+     .gadget = {.id = 10098, .kind = GadgetKind::Real, .step = 1}},
     {.offset = offsetof(GammaSettings, brightness),
      .type = FieldType::F64,
      .initial = 0,
      .min = -100,
      .max = 100,
-     .gadget = 10099},
-    {.offset = offsetof(GammaSettings, curved),
-     .type = FieldType::U8,
-     .initial = 0,
-     .range = BlobRange::Any,
-     .gadget = 10101},
+     .gadget = {.id = 10099, .kind = GadgetKind::Real, .step = 1}},
 };
-constexpr SettingsLayout kGammaLayout{kGammaCode, sizeof(GammaSettings), kGammaFields};
-static_assert(FieldsFit(kGammaLayout));
 
 // The contrast factor s, the offset o and the pivot p.
 struct Curve {
@@ -94,14 +93,6 @@ Curve CurveOf(const GammaSettings& settings) {
     return curve;
 }
 
-// y × max truncated toward zero and clamped to 0..max; NaN gives 0.
-uint32_t TableEntry(double y, int32_t max) {
-    const double scaled = y * max;
-    if (!(scaled > 0)) return 0;
-    if (scaled >= max) return static_cast<uint32_t>(max);
-    return static_cast<uint32_t>(scaled);
-}
-
 // The pivot step is worked in extended precision, where (x - p) + p gives x
 // back exactly; y then returns to double. So neutral settings make the
 // identity table, which double precision alone misses by one below 0.25.
@@ -116,7 +107,7 @@ void FillTable(const GammaSettings& settings, const Curve& curve, uint32_t* tabl
                        : curve.pivot - std::pow(static_cast<double>(-t), 1 / curve.s);
         else
             y = t * curve.s + curve.pivot + curve.o;
-        table[i] = TableEntry(static_cast<double>(y), max);
+        table[i] = kpx::TruncatedLevel(static_cast<double>(y), max);
     }
 }
 
@@ -141,13 +132,8 @@ int32_t PrepareGamma(const BM_INFO& info, GammaSettings& settings) {
     if (bits == 0 || bits > 16) return KPX_NO_MEMORY;  // no table for such a mode
 
     const int32_t max = (1 << bits) - 1;
-    auto* table = static_cast<uint32_t*>(kpx::HostAlloc((std::size_t(max) + 1) * sizeof(uint32_t)));
-    if (!table) return KPX_NO_MEMORY;  // the old table stays
-    FillTable(settings, curve, table, max);
-    kpx::HostFree(settings.table);
-    settings.table = table;
-    settings.table_max = max;
-    return KPX_OK;
+    return ReplaceTable(settings, max,
+                        [&](uint32_t* table) { FillTable(settings, curve, table, max); });
 }
 
 // The curve in double precision; negative results become 0, nothing is
@@ -173,97 +159,33 @@ int32_t GammaTile(BM_INFO* info, const RECT32& cell, BM_TILE& dest, const GammaS
         return MapComponents<T>(info, cell, dest, [&](float x) { return GammaOf(settings, x); });
     } else {
         // A table prepared for another component type (or none) cannot be read.
-        if (!settings.table || settings.table_max < std::numeric_limits<T>::max())
-            return KPX_STOPPED;
+        if (!settings.table || settings.table_max < kpx::PixelTraits<T>::kMax) return KPX_STOPPED;
         return MapComponents<T>(info, cell, dest,
                                 [&](T v) { return static_cast<T>(settings.table[v]); });
     }
 }
 
-int32_t ApplyGamma(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings, int32_t notify,
-                   BaseThread* thread) {
-    const auto& gamma = *static_cast<const GammaSettings*>(settings);
-    return ApplyTiled(info, area, tile, notify != 0, thread,
+int32_t ApplyGamma(BM_INFO* info, const RECT32* area, BM_TILE* tile, const GammaSettings& settings,
+                   bool notify, BaseThread* thread) {
+    return ApplyTiled(info, area, tile, notify, thread,
                       [&]<class T>(TypeTag<T>, const RECT32& cell, BM_TILE& dest) {
-                          return GammaTile<T>(info, cell, dest, gamma);
+                          return GammaTile<T>(info, cell, dest, settings);
                       });
 }
 
-// Rows for the preview check box mark where it is set.
-constexpr DialogGadget kGadgets[] = {
-    {.id = 10101,
-     .offset = offsetof(GammaSettings, curved),
-     .type = FieldType::U8,
-     .kind = GadgetKind::Check},
-    {.id = 10100, .offset = 0, .type = FieldType::U8, .kind = GadgetKind::Check},
-    {.id = 10097,
-     .offset = offsetof(GammaSettings, gamma),
-     .type = FieldType::F64,
-     .kind = GadgetKind::Real,
-     .min = 0.1,
-     .max = 10,
-     .step = 0.05},
-    {.id = 10098,
-     .offset = offsetof(GammaSettings, contrast),
-     .type = FieldType::F64,
-     .kind = GadgetKind::Real,
-     .min = -100,
-     .max = 100,
-     .step = 1},
-    {.id = 10099,
-     .offset = offsetof(GammaSettings, brightness),
-     .type = FieldType::F64,
-     .kind = GadgetKind::Real,
-     .min = -100,
-     .max = 100,
-     .step = 1},
-};
-
-GammaSettings* GammaSettingsOf(void* settings) {
-    return HasCode(settings, kGammaCode) ? static_cast<GammaSettings*>(settings) : nullptr;
-}
-
-struct GammaFilter {
-    static void* CreateDefaultSettings(void*) { return CreateSettings(kGammaLayout); }
-    static int32_t FreeSettings(void* settings) {
-        if (GammaSettings* gamma = GammaSettingsOf(settings)) kpx::HostFree(gamma->table);
-        return bfm::FreeSettings(settings);
-    }
-    static void* SettingsToBlob(const void* settings, KpxBlobAllocator allocate) {
-        return bfm::SettingsToBlob(settings, kGammaLayout.size, allocate);
-    }
-    static void* SettingsFromBlob(const void* blob) {
-        return bfm::SettingsFromBlob(kGammaLayout, blob);
-    }
-    static int32_t PrepareApply(BM_INFO* info, void* settings) {
-        GammaSettings* gamma = GammaSettingsOf(settings);
-        if (!gamma) return KPX_NOT_MINE;
-        if (!info) return KPX_OK;  // no image: nothing to derive yet
-        return PrepareGamma(*info, *gamma);
-    }
-    static int32_t FinishApply(BM_INFO*, void* settings) {
-        GammaSettings* gamma = GammaSettingsOf(settings);
-        if (!gamma) return KPX_NOT_MINE;
-        kpx::HostFree(gamma->table);
-        gamma->table = nullptr;
-        return KPX_OK;
-    }
-    static int32_t Execute(BM_INFO* info, void* settings, bool show_dialog) {
-        return ExecuteFilter(info, settings, show_dialog, kGammaCode, kDialog);
-    }
-    static constexpr DialogSpec kDialog{
-        .layout_id = 10096,
-        .preview_area = 10102,
-        .preview_check = 10100,
-        .gadgets = kGadgets,
-        .apply = &ApplyGamma,
-        .prepare = &PrepareApply,
-    };
+constexpr PlainFilterSpec<GammaSettings> kSpec{
+    .code = kGammaCode,
+    .fields = kFields,
+    .apply = &ApplyGamma,
+    .dialog = {.layout = 10096, .preview_area = 10102, .preview_check = 10100},
+    .prepare = &PrepareGamma,
+    .release = &DropTable<GammaSettings>,
 };
 
 }  // namespace
 
-constexpr BitmapFilterDescriptor kGammaFilter = MakeFilterRecord<GammaFilter>(kRow);
+constexpr BitmapFilterDescriptor kGammaFilter =
+    MakeFilterRecord<PlainFilter<GammaSettings, kSpec>>(kRow);
 
 bool RegisterGamma() {
     return RegisterFilter(kRow);

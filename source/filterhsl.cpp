@@ -3,14 +3,12 @@
 // colorize mode gives every pixel one hue and saturation and keeps its
 // lightness. Pixels are converted to hue, saturation and lightness in double
 // precision and back.
-#include "filterbase.hpp"
-#include "filterdialog.hpp"
+#include "filterplain.hpp"
+#include "kpx_preview/pixeltraits.hpp"
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <limits>
-#include <type_traits>
 
 namespace bfm {
 
@@ -48,34 +46,33 @@ static_assert(kRow.code == kHslCode);
 
 // A stored hue of exactly -180 or 180 is refused on purpose (a host container
 // may give it); the colorize byte is taken as stored.
-constexpr SettingsField kHslFields[] = {
+constexpr SettingsField kFields[] = {
+    PreviewRow(),
     {.offset = offsetof(HslSettings, hue),
      .type = FieldType::F64,
      .initial = 0,
      .min = -180,
      .max = 180,
      .range = BlobRange::Exclusive,
-     .gadget = 10224},
+     .gadget = {.id = 10224, .kind = GadgetKind::Real, .step = 1}},
     {.offset = offsetof(HslSettings, saturation),
      .type = FieldType::F64,
      .initial = 0,
      .min = -100,
      .max = 100,
-     .gadget = 10225},
+     .gadget = {.id = 10225, .kind = GadgetKind::Real, .step = 1}},
     {.offset = offsetof(HslSettings, lightness),
      .type = FieldType::F64,
      .initial = 0,
      .min = -100,
      .max = 100,
-     .gadget = 10226},
+     .gadget = {.id = 10226, .kind = GadgetKind::Real, .step = 1}},
     {.offset = offsetof(HslSettings, colorize),
      .type = FieldType::U8,
      .initial = 0,
      .range = BlobRange::Any,
-     .gadget = 10227},
+     .gadget = {.id = 10227, .kind = GadgetKind::Check}},
 };
-constexpr SettingsLayout kHslLayout{kHslCode, sizeof(HslSettings), kHslFields};
-static_assert(FieldsFit(kHslLayout));
 
 // Keys of a host settings container handed to CreateDefaultSettings.
 constexpr int32_t kContainerHue = 1;
@@ -83,18 +80,15 @@ constexpr int32_t kContainerSaturation = 2;
 constexpr int32_t kContainerLightness = 3;
 constexpr int32_t kContainerColorize = 4;
 
-void* CreateHslSettings(void* container) {
-    auto* settings = static_cast<HslSettings*>(CreateSettings(kHslLayout));
+void ValuesFromContainer(HslSettings& settings, const KPX_CONTAINER& container) {
     const KPX_PREFS_API* prefs = kpx::Host().prefs;
-    if (!settings || !container || !KPX_GROUP_HAS(prefs, GetReal) || !KPX_GROUP_HAS(prefs, GetBool))
-        return settings;
-    const auto* values = static_cast<const KPX_CONTAINER*>(container);
-    settings->hue = std::clamp(prefs->GetReal(values, kContainerHue, 0), -180.0, 180.0);
-    settings->saturation =
-        std::clamp(prefs->GetReal(values, kContainerSaturation, 0), -100.0, 100.0);
-    settings->lightness = std::clamp(prefs->GetReal(values, kContainerLightness, 0), -100.0, 100.0);
-    settings->colorize = prefs->GetBool(values, kContainerColorize, 0) ? 1 : 0;
-    return settings;
+    if (!KPX_GROUP_HAS(prefs, GetReal) || !KPX_GROUP_HAS(prefs, GetBool)) return;
+    settings.hue = std::clamp(prefs->GetReal(&container, kContainerHue, 0), -180.0, 180.0);
+    settings.saturation =
+        std::clamp(prefs->GetReal(&container, kContainerSaturation, 0), -100.0, 100.0);
+    settings.lightness =
+        std::clamp(prefs->GetReal(&container, kContainerLightness, 0), -100.0, 100.0);
+    settings.colorize = prefs->GetBool(&container, kContainerColorize, 0) ? 1 : 0;
 }
 
 // Positive values move towards 1 by that fraction, negative ones scale towards 0.
@@ -182,29 +176,6 @@ Rgb AdjustColour(const HslSettings& settings, const Rgb& in) {
     return {Channel(m1, m2, h + 2), Channel(m1, m2, h), Channel(m1, m2, h - 2)};
 }
 
-// Integers: times the maximum, truncated toward zero and clamped (NaN gives
-// 0). Floats: the double rounded to single precision, not clamped.
-template <class T>
-T Store(double value) {
-    if constexpr (std::is_floating_point_v<T>) {
-        return static_cast<T>(value);
-    } else {
-        constexpr double kMax = std::numeric_limits<T>::max();
-        const double scaled = value * kMax;
-        if (!(scaled > 0)) return 0;
-        if (scaled >= kMax) return std::numeric_limits<T>::max();
-        return static_cast<T>(scaled);
-    }
-}
-
-template <class T>
-double Load(T value) {
-    if constexpr (std::is_floating_point_v<T>)
-        return value;
-    else
-        return value / static_cast<double>(std::numeric_limits<T>::max());
-}
-
 template <class T>
 int32_t HslTile(BM_INFO* info, const RECT32& cell, BM_TILE& dest, const HslSettings& settings) {
     const int32_t width = cell.x2 - cell.x1;
@@ -219,83 +190,39 @@ int32_t HslTile(BM_INFO* info, const RECT32& cell, BM_TILE& dest, const HslSetti
         // Only three colour components are converted; other images get nothing
         // but the alpha copy.
         if (colours != 3) return;
-        const Rgb rgb = AdjustColour(settings, {Load(in[0]), Load(in[1]), Load(in[2])});
-        out[0] = Store<T>(rgb.r);
-        out[1] = Store<T>(rgb.g);
-        out[2] = Store<T>(rgb.b);
+        // Integers become fractions of their maximum and come back truncated and
+        // clamped; floats are neither scaled nor clamped.
+        using Traits = kpx::PixelTraits<T>;
+        const Rgb rgb =
+            AdjustColour(settings, {Traits::Load(in[0]), Traits::Load(in[1]), Traits::Load(in[2])});
+        out[0] = Traits::StoreTruncated(rgb.r);
+        out[1] = Traits::StoreTruncated(rgb.g);
+        out[2] = Traits::StoreTruncated(rgb.b);
     });
     return KPX_OK;
 }
 
-int32_t ApplyHsl(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings, int32_t notify,
-                 BaseThread* thread) {
-    const auto& hsl = *static_cast<const HslSettings*>(settings);
-    return ApplyTiled(info, area, tile, notify != 0, thread,
+int32_t ApplyHsl(BM_INFO* info, const RECT32* area, BM_TILE* tile, const HslSettings& settings,
+                 bool notify, BaseThread* thread) {
+    return ApplyTiled(info, area, tile, notify, thread,
                       [&]<class T>(TypeTag<T>, const RECT32& cell, BM_TILE& dest) {
-                          return HslTile<T>(info, cell, dest, hsl);
+                          return HslTile<T>(info, cell, dest, settings);
                       });
 }
 
-constexpr DialogGadget kGadgets[] = {
-    {.id = 10228, .offset = 0, .type = FieldType::U8, .kind = GadgetKind::Check},
-    {.id = 10224,
-     .offset = offsetof(HslSettings, hue),
-     .type = FieldType::F64,
-     .kind = GadgetKind::Real,
-     .min = -180,
-     .max = 180,
-     .step = 1},
-    {.id = 10225,
-     .offset = offsetof(HslSettings, saturation),
-     .type = FieldType::F64,
-     .kind = GadgetKind::Real,
-     .min = -100,
-     .max = 100,
-     .step = 1},
-    {.id = 10226,
-     .offset = offsetof(HslSettings, lightness),
-     .type = FieldType::F64,
-     .kind = GadgetKind::Real,
-     .min = -100,
-     .max = 100,
-     .step = 1},
-    {.id = 10227,
-     .offset = offsetof(HslSettings, colorize),
-     .type = FieldType::U8,
-     .kind = GadgetKind::Check},
-};
-
-struct HslFilter {
-    static void* CreateDefaultSettings(void* container) { return CreateHslSettings(container); }
-    static int32_t FreeSettings(void* settings) { return bfm::FreeSettings(settings); }
-    static void* SettingsToBlob(const void* settings, KpxBlobAllocator allocate) {
-        return bfm::SettingsToBlob(settings, kHslLayout.size, allocate);
-    }
-    static void* SettingsFromBlob(const void* blob) {
-        return bfm::SettingsFromBlob(kHslLayout, blob);
-    }
-    static int32_t PrepareApply(BM_INFO* info, void* settings) {
-        if (!HasCode(settings, kHslCode)) return KPX_NOT_MINE;
-        if (!info) return KPX_OK;  // no image: nothing to derive yet
-        return PrepareHsl(*info, *static_cast<HslSettings*>(settings));
-    }
-    static int32_t FinishApply(BM_INFO*, void* settings) { return CheckCode(settings, kHslCode); }
-    static int32_t Execute(BM_INFO* info, void* settings, bool show_dialog) {
-        return ExecuteFilter(info, settings, show_dialog, kHslCode, kDialog);
-    }
-    static constexpr DialogSpec kDialog{
-        .layout_id = 10223,
-        .preview_area = 10229,
-        .preview_check = 10228,
-        .gadgets = kGadgets,
-        .apply = &ApplyHsl,
-        .prepare = &PrepareApply,
-    };
+constexpr PlainFilterSpec<HslSettings> kSpec{
+    .code = kHslCode,
+    .fields = kFields,
+    .apply = &ApplyHsl,
+    .dialog = {.layout = 10223, .preview_area = 10229, .preview_check = 10228},
+    .prepare = &PrepareHsl,
+    .defaults = &ValuesFromContainer,
 };
 
 }  // namespace
 
-constexpr BitmapFilterDescriptor kHslFilter = MakeFilterRecord<HslFilter>(kRow);
+constexpr BitmapFilterDescriptor kHslFilter =
+    MakeFilterRecord<PlainFilter<HslSettings, kSpec>>(kRow);
 
 bool RegisterHsl() {
     return RegisterFilter(kRow);

@@ -31,44 +31,9 @@ constexpr const FilterRow& kRow = FilterRowOf("matrix");
 // A soft 3 x 3 blur; the cells beyond it start at zero.
 constexpr kpx::Matrix kDefaultMatrix{3, 3, 1, 1, {0.5f, 1, 0.5f, 1, 2, 1, 0.5f, 1, 0.5f}};
 
-// Only strength and angle come back from a blob: normalise, border mode and
-// the matrix always start from their defaults.
-constexpr SettingsField kFields[] = {
-    {.offset = offsetof(MatrixSettings, strength),
-     .type = FieldType::F32,
-     .initial = 1.0,
-     .min = 0.0,
-     .max = 1.0,
-     .gadget = 10187},
-    {.offset = offsetof(MatrixSettings, angle),
-     .type = FieldType::F32,
-     .initial = 0.0,
-     .min = 0.0,
-     .max = 360.0,
-     .gadget = 10188},
-    {.offset = offsetof(MatrixSettings, normalise),
-     .type = FieldType::U32,
-     .initial = 1,
-     .min = 0,
-     .max = 1,
-     .range = BlobRange::NotRead,
-     .gadget = 10191},
-    {.offset = offsetof(MatrixSettings, border_mode),
-     .type = FieldType::U32,
-     .initial = KPX_BORDER_CLAMP,
-     .min = KPX_BORDER_CLAMP,
-     .max = KPX_BORDER_WRAP,
-     .range = BlobRange::NotRead,
-     .gadget = 10190},
-};
-constexpr SettingsLayout kLayout{kRow.code, sizeof(MatrixSettings), kFields};
-static_assert(FieldsFit(kLayout));
-
 void DefaultMatrix(void* settings, const KPX_CONTAINER*) {
     static_cast<MatrixSettings*>(settings)->matrix = kDefaultMatrix;
 }
-
-}  // namespace
 
 int32_t ApplyMatrix(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings, int32_t,
                     BaseThread* thread) {
@@ -77,35 +42,40 @@ int32_t ApplyMatrix(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* sett
                             {s.matrix, s.normalise, s.strength, s.angle, s.border_mode});
 }
 
-namespace {
+// Only strength and angle come back from a blob: normalise, border mode and
+// the matrix always start from their defaults.
+constexpr SettingsField kFields[] = {
+    StrengthRow(offsetof(MatrixSettings, strength), 1.0, 10187, 1),
+    AngleRow(offsetof(MatrixSettings, angle), 10188),
+    {.offset = offsetof(MatrixSettings, normalise),
+     .type = FieldType::U32,
+     .initial = 1,
+     .min = 0,
+     .max = 1,
+     .range = BlobRange::NotRead,
+     .gadget = {.id = 10191, .kind = GadgetKind::Check}},
+    PreviewRow(),
+    BorderRow(offsetof(MatrixSettings, border_mode), 10190),
+};
+constexpr SettingsLayout kLayout{kRow.code, sizeof(MatrixSettings), kFields};
+static_assert(FieldsFit(kLayout));
 
-// Dialog gadgets beyond the table: the matrix size and one weight field per
+constexpr DialogSpec kDialog{
+    .layout_id = 10183,
+    .preview_area = 10192,
+    .preview_check = 10189,
+    .fields = kFields,
+    .apply = &ApplyMatrix,
+    .changed = &DropConvolution<MatrixSettings>,
+};
+
+// Dialog gadgets beyond the rows: the matrix size and one weight field per
 // cell, made in the group when the size changes.
 constexpr int32_t kCellGroup = 10184;
 constexpr int32_t kColumnsGadget = 10185;
 constexpr int32_t kRowsGadget = 10186;
 constexpr int32_t kFirstCell = 10193;
 constexpr double kWeightLimit = 100;
-
-constexpr DialogGadget kGadgets[] = {
-    StrengthGadget(10187, offsetof(MatrixSettings, strength), 1),
-    AngleGadget(10188, offsetof(MatrixSettings, angle)),
-    {.id = 10191,
-     .offset = offsetof(MatrixSettings, normalise),
-     .type = FieldType::U32,
-     .kind = GadgetKind::Check},
-};
-
-constexpr DialogSpec kDialog{
-    .layout_id = 10183,
-    .preview_area = 10192,
-    .preview_check = 10189,
-    .border_check = 10190,
-    .border_offset = offsetof(MatrixSettings, border_mode),
-    .gadgets = kGadgets,
-    .apply = &ApplyMatrix,
-    .changed = &DropConvolution<MatrixSettings>,
-};
 
 // The pattern's dialog with the matrix editor. The cell ids follow an old
 // rule that is kept on purpose: the field at row r, column c has the id

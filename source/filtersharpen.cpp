@@ -42,11 +42,6 @@ using Sharpen = KernelFilter<KernelSettings, kInfo>;
 
 }  // namespace
 
-int32_t ApplySharpen(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
-                     int32_t notify, BaseThread* thread) {
-    return Sharpen::Apply(info, area, tile, settings, notify, thread);
-}
-
 constexpr BitmapFilterDescriptor kSharpenFilter =
     MakeFilterRecord<ConvolutionFilter<Sharpen::kSpec>>(kRow);
 

@@ -32,11 +32,6 @@ using Smooth = KernelFilter<KernelSettings, kInfo>;
 
 }  // namespace
 
-int32_t ApplySmooth(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
-                    int32_t notify, BaseThread* thread) {
-    return Smooth::Apply(info, area, tile, settings, notify, thread);
-}
-
 constexpr BitmapFilterDescriptor kSmoothFilter =
     MakeFilterRecord<ConvolutionFilter<Smooth::kSpec>>(kRow);
 

@@ -45,11 +45,6 @@ using Structures = KernelFilter<TurnedKernelSettings, kInfo>;
 
 }  // namespace
 
-int32_t ApplyStructures(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
-                        int32_t notify, BaseThread* thread) {
-    return Structures::Apply(info, area, tile, settings, notify, thread);
-}
-
 constexpr BitmapFilterDescriptor kStructuresFilter =
     MakeFilterRecord<ConvolutionFilter<Structures::kSpec>>(kRow);
 

@@ -2,12 +2,11 @@
 // spaced levels (2 levels threshold at half intensity, more posterise).
 // 8-bit images read a table that PrepareApply builds; 16-bit and float images
 // compute each component.
-#include "filterbase.hpp"
-#include "filterdialog.hpp"
+#include "filterplain.hpp"
+#include "kpx_preview/pixeltraits.hpp"
 
 #include <cmath>
 #include <cstddef>
-#include <limits>
 #include <type_traits>
 
 namespace bfm {
@@ -32,18 +31,18 @@ static_assert(kRow.code == kThresholdCode);
 constexpr int32_t kDefaultLevels = 16;
 
 // A stored blob gives its levels only from 3 to 255; the dialog and a host
-// container allow 2 to 256. The difference is kept on purpose.
-constexpr SettingsField kThresholdFields[] = {
+// container allow 2 to 256. The difference is kept on purpose. The levels
+// gadget is a real field with a slider over an integer field: what is typed
+// is truncated.
+constexpr SettingsField kFields[] = {
+    PreviewRow(),
     {.offset = offsetof(ThresholdSettings, levels),
      .type = FieldType::I32,
      .initial = kDefaultLevels,
      .min = 3,
      .max = 255,
-     .gadget = 10220},
+     .gadget = {.id = 10220, .kind = GadgetKind::Real, .min = 2, .max = 256, .step = 1}},
 };
-constexpr SettingsLayout kThresholdLayout{kThresholdCode, sizeof(ThresholdSettings),
-                                          kThresholdFields};
-static_assert(FieldsFit(kThresholdLayout));
 
 constexpr int32_t kContainerLevels = 1;  // real value in a host settings container
 
@@ -56,13 +55,10 @@ int32_t LevelsFrom(double value) {
     return static_cast<int32_t>(levels);
 }
 
-void* CreateThresholdSettings(void* container) {
-    auto* settings = static_cast<ThresholdSettings*>(CreateSettings(kThresholdLayout));
+void LevelsFromContainer(ThresholdSettings& settings, const KPX_CONTAINER& container) {
     const KPX_PREFS_API* prefs = kpx::Host().prefs;
-    if (settings && container && KPX_GROUP_HAS(prefs, GetReal))
-        settings->levels = LevelsFrom(
-            prefs->GetReal(static_cast<const KPX_CONTAINER*>(container), kContainerLevels, 0));
-    return settings;
+    if (KPX_GROUP_HAS(prefs, GetReal))
+        settings.levels = LevelsFrom(prefs->GetReal(&container, kContainerLevels, 0));
 }
 
 // Entry k = trunc(trunc((k L - 1) / M) M / (L - 1)) in 32-bit signed
@@ -77,19 +73,13 @@ int32_t PrepareThreshold(const BM_INFO& info, ThresholdSettings& settings) {
     const uint32_t components = KPX_MODE_COMPONENTS(info.colour_mode);
     const uint32_t bits = components ? KPX_MODE_BITS_PER_PIXEL(info.colour_mode) / components : 0;
     if (bits >= 9 || bits == 0) {  // 16-bit and float compute each component
-        kpx::HostFree(settings.table);
-        settings.table = nullptr;
+        DropTable(settings);
         settings.table_max = 0;
         return KPX_OK;
     }
     const int32_t max = (1 << bits) - 1;
-    auto* table = static_cast<uint32_t*>(kpx::HostAlloc((std::size_t(max) + 1) * sizeof(uint32_t)));
-    if (!table) return KPX_NO_MEMORY;  // the old table stays
-    FillTable(table, max, settings.levels);
-    kpx::HostFree(settings.table);
-    settings.table = table;
-    settings.table_max = max;
-    return KPX_OK;
+    return ReplaceTable(settings, max,
+                        [&](uint32_t* table) { FillTable(table, max, settings.levels); });
 }
 
 // The first division unsigned 64-bit, the second unsigned 32-bit.
@@ -111,7 +101,8 @@ int32_t ThresholdTile(BM_INFO* info, const RECT32& cell, BM_TILE& dest,
                       const ThresholdSettings& settings) {
     if constexpr (std::is_same_v<T, uint8_t>) {
         // A table prepared for another component type (or none) cannot be read.
-        if (!settings.table || settings.table_max < 255) return KPX_STOPPED;
+        if (!settings.table || settings.table_max < kpx::PixelTraits<uint8_t>::kMax)
+            return KPX_STOPPED;
         return MapComponents<T>(info, cell, dest,
                                 [&](uint8_t v) { return static_cast<uint8_t>(settings.table[v]); });
     } else if constexpr (std::is_same_v<T, uint16_t>) {
@@ -124,75 +115,28 @@ int32_t ThresholdTile(BM_INFO* info, const RECT32& cell, BM_TILE& dest,
     }
 }
 
-int32_t ApplyThreshold(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
-                       int32_t notify, BaseThread* thread) {
-    const auto& threshold = *static_cast<const ThresholdSettings*>(settings);
-    return ApplyTiled(info, area, tile, notify != 0, thread,
+int32_t ApplyThreshold(BM_INFO* info, const RECT32* area, BM_TILE* tile,
+                       const ThresholdSettings& settings, bool notify, BaseThread* thread) {
+    return ApplyTiled(info, area, tile, notify, thread,
                       [&]<class T>(TypeTag<T>, const RECT32& cell, BM_TILE& dest) {
-                          return ThresholdTile<T>(info, cell, dest, threshold);
+                          return ThresholdTile<T>(info, cell, dest, settings);
                       });
 }
 
-// A real field with a slider over an integer field: what is typed is truncated.
-constexpr DialogGadget kGadgets[] = {
-    {.id = 10221, .offset = 0, .type = FieldType::U8, .kind = GadgetKind::Check},
-    {.id = 10220,
-     .offset = offsetof(ThresholdSettings, levels),
-     .type = FieldType::I32,
-     .kind = GadgetKind::Real,
-     .min = 2,
-     .max = 256,
-     .step = 1},
-};
-
-ThresholdSettings* ThresholdSettingsOf(void* settings) {
-    return HasCode(settings, kThresholdCode) ? static_cast<ThresholdSettings*>(settings) : nullptr;
-}
-
-struct ThresholdFilter {
-    static void* CreateDefaultSettings(void* container) {
-        return CreateThresholdSettings(container);
-    }
-    static int32_t FreeSettings(void* settings) {
-        if (ThresholdSettings* threshold = ThresholdSettingsOf(settings))
-            kpx::HostFree(threshold->table);
-        return bfm::FreeSettings(settings);
-    }
-    static void* SettingsToBlob(const void* settings, KpxBlobAllocator allocate) {
-        return bfm::SettingsToBlob(settings, kThresholdLayout.size, allocate);
-    }
-    static void* SettingsFromBlob(const void* blob) {
-        return bfm::SettingsFromBlob(kThresholdLayout, blob);
-    }
-    static int32_t PrepareApply(BM_INFO* info, void* settings) {
-        ThresholdSettings* threshold = ThresholdSettingsOf(settings);
-        if (!threshold) return KPX_NOT_MINE;
-        if (!info) return KPX_OK;  // no image: nothing to derive yet
-        return PrepareThreshold(*info, *threshold);
-    }
-    static int32_t FinishApply(BM_INFO*, void* settings) {
-        ThresholdSettings* threshold = ThresholdSettingsOf(settings);
-        if (!threshold) return KPX_NOT_MINE;
-        kpx::HostFree(threshold->table);
-        threshold->table = nullptr;
-        return KPX_OK;
-    }
-    static int32_t Execute(BM_INFO* info, void* settings, bool show_dialog) {
-        return ExecuteFilter(info, settings, show_dialog, kThresholdCode, kDialog);
-    }
-    static constexpr DialogSpec kDialog{
-        .layout_id = 10219,
-        .preview_area = 10222,
-        .preview_check = 10221,
-        .gadgets = kGadgets,
-        .apply = &ApplyThreshold,
-        .prepare = &PrepareApply,
-    };
+constexpr PlainFilterSpec<ThresholdSettings> kSpec{
+    .code = kThresholdCode,
+    .fields = kFields,
+    .apply = &ApplyThreshold,
+    .dialog = {.layout = 10219, .preview_area = 10222, .preview_check = 10221},
+    .prepare = &PrepareThreshold,
+    .release = &DropTable<ThresholdSettings>,
+    .defaults = &LevelsFromContainer,
 };
 
 }  // namespace
 
 // Threshold has no registration function: PluginStart registers its row.
-constexpr BitmapFilterDescriptor kThresholdFilter = MakeFilterRecord<ThresholdFilter>(kRow);
+constexpr BitmapFilterDescriptor kThresholdFilter =
+    MakeFilterRecord<PlainFilter<ThresholdSettings, kSpec>>(kRow);
 
 }  // namespace bfm

@@ -118,19 +118,25 @@ int32_t PrepareProbe(BM_INFO*, void* raw) {
     return KPX_OK;
 }
 
-constexpr bfm::DialogGadget kProbeGadgets[] = {
-    {kAmountGadget, offsetof(ProbeSettings, amount), bfm::FieldType::F64, bfm::GadgetKind::Real, 0,
-     200, 1},
-    {kFlagGadget, offsetof(ProbeSettings, flag), bfm::FieldType::U8, bfm::GadgetKind::Check},
+constexpr bfm::SettingsField kProbeFields[] = {
+    {.offset = offsetof(ProbeSettings, amount),
+     .type = bfm::FieldType::F64,
+     .initial = 10,
+     .gadget =
+         {.id = kAmountGadget, .kind = bfm::GadgetKind::Real, .min = 0, .max = 200, .step = 1}},
+    {.offset = offsetof(ProbeSettings, flag),
+     .type = bfm::FieldType::U8,
+     .initial = 0,
+     .gadget = {.id = kFlagGadget, .kind = bfm::GadgetKind::Check}},
+    bfm::PreviewRow(),
+    bfm::BorderRow(offsetof(ProbeSettings, border_mode), kBorderCheck),
 };
 
 constexpr bfm::DialogSpec kProbeSpec{
     .layout_id = kLayoutId,
     .preview_area = kPreviewArea,
     .preview_check = kPreviewCheck,
-    .border_check = kBorderCheck,
-    .border_offset = offsetof(ProbeSettings, border_mode),
-    .gadgets = kProbeGadgets,
+    .fields = kProbeFields,
     .apply = &ApplyProbe,
     .prepare = &PrepareProbe,
 };
