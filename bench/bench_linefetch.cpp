@@ -7,16 +7,22 @@
 
 #include <benchmark/benchmark.h>
 
+#include <memory>
+
 namespace {
 
 constexpr int kSide = 4096;
+
+struct FreeFetcher {
+    void operator()(kpx::LineFetcher* fetcher) const { kpx::FreeLineFetcher(fetcher, 0); }
+};
 
 void BM_FetchRows(benchmark::State& state, bf::ComponentType type) {
     bench::StartedModule();  // the fetcher reaches the host through the module
     bf::Document document(bf::Image(bf::ImageFormat{kSide, kSide, 4, type, true}));
     bf::Application application(document);
     for (auto _ : state) {
-        kpx::LineFetcherHandle fetcher(
+        std::unique_ptr<kpx::LineFetcher, FreeFetcher> fetcher(
             kpx::CreateLineFetcher(application.info(), 0, kSide, 0, KPX_TILE_READ, nullptr, 0));
         for (int32_t y = 0; y < kSide; ++y) {
             void* line = kpx::FetchLine(fetcher.get(), y);

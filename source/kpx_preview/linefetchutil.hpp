@@ -10,7 +10,6 @@
 #include "kpx_api.h"
 
 #include <cstdint>
-#include <memory>
 
 namespace kpx {
 
@@ -39,12 +38,5 @@ void FreeColumnFetcher(LineFetcher* fetcher, uint8_t discard);
 // Multiplies the colour bytes of `count` 8-bit pixels (alpha first) by their
 // alpha, in place; pixels are `pixel_stride` bytes apart.
 void PremultiplyLine(uint8_t* pixels, int32_t count, int32_t components, int32_t pixel_stride);
-
-// Owns a fetcher of either form for a scope and frees it with discard 0. A
-// fetcher that writes and may fail frees itself explicitly with its status.
-struct LineFetcherFree {
-    void operator()(LineFetcher* fetcher) const { FreeLineFetcher(fetcher, 0); }
-};
-using LineFetcherHandle = std::unique_ptr<LineFetcher, LineFetcherFree>;
 
 }  // namespace kpx
