@@ -2,27 +2,20 @@
 // type: one strip per tile row from the host, every row fetched and released.
 #include "bench_support.hpp"
 #include "kpx_client.hpp"
-#include "kpx_preview/linefetchutil.hpp"
 #include "runtime.hpp"
 
 #include <benchmark/benchmark.h>
 
-#include <memory>
-
 namespace {
 
-constexpr int kSide = 4096;
-
-struct FreeFetcher {
-    void operator()(kpx::LineFetcher* fetcher) const { kpx::FreeLineFetcher(fetcher, 0); }
-};
+using bench::kSide;
 
 void BM_FetchRows(benchmark::State& state, bf::ComponentType type) {
     bench::StartedModule();  // the fetcher reaches the host through the module
-    bf::Document document(bf::Image(bf::ImageFormat{kSide, kSide, 4, type, true}));
+    bf::Document document(bench::TestImage(type));
     bf::Application application(document);
     for (auto _ : state) {
-        std::unique_ptr<kpx::LineFetcher, FreeFetcher> fetcher(
+        bench::FetcherPtr fetcher(
             kpx::CreateLineFetcher(application.info(), 0, kSide, 0, KPX_TILE_READ, nullptr, 0));
         for (int32_t y = 0; y < kSide; ++y) {
             void* line = kpx::FetchLine(fetcher.get(), y);
@@ -39,6 +32,6 @@ void BM_FetchRows(benchmark::State& state, bf::ComponentType type) {
 
 }  // namespace
 
-BENCHMARK_CAPTURE(BM_FetchRows, u8, bf::ComponentType::U8)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_FetchRows, u16, bf::ComponentType::U16)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_FetchRows, float, bf::ComponentType::F32)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_FetchRows, u8, bf::ComponentType::U8)->Apply(bench::WholeImage);
+BENCHMARK_CAPTURE(BM_FetchRows, u16, bf::ComponentType::U16)->Apply(bench::WholeImage);
+BENCHMARK_CAPTURE(BM_FetchRows, float, bf::ComponentType::F32)->Apply(bench::WholeImage);
