@@ -381,7 +381,7 @@ protected:
 
     const Image before_ = bf::test::RandomImage({12, 8, 3, ComponentType::U8, false}, 9);
     std::vector<std::string> calls_;
-    std::vector<std::byte> pixels_;
+    bf::PixelBytes pixels_;
 };
 
 // A tile of the area's size is filled directly, and so is one where one side
@@ -408,7 +408,7 @@ TEST_F(ConvolutionPreview, ASmallerTileGetsTheFullSizeResultScaled) {
     EXPECT_EQ(PreviewCalls(), expected);
 
     const Image full = Expected();
-    std::vector<std::byte> scaled(6 * 4 * 3);
+    bf::PixelBytes scaled(6 * 4 * 3);
     KpxScaleFn scale = bf::Host::Get().scaler() ? bf::Host::Get().scaler() : &bf::ScaleByRule;
     ASSERT_EQ(scale(bf::ColourModeOf(ComponentType::U8, 3), full.pixels.data(), 36, 12, 8,
                     scaled.data(), 18, 6, 4),

@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <thread>
+#include <vector>
 
 namespace bf {
 namespace {
@@ -186,6 +189,164 @@ TEST(Layers, OnlyWritableTilesReachTheDestination) {
     const Image after = document.image();
     EXPECT_EQ(after.line_as<uint8_t>(0)[0], 1);
     EXPECT_EQ(after.line_as<uint8_t>(7)[7], 7 * 16 + 7);
+}
+
+// ---- views and pooled tiles -------------------------------------------------------
+// A writable tile may be a view into the destination's own buffer; these
+// cases are the ones a view (rather than a private copy) could get wrong.
+
+TEST(Views, AWriteThroughADestinationViewNeverShowsInTheSource) {
+    Document document(Numbered(8, 8), 4, 4);
+    Application app(document);
+    BM_TILE* view = Obtain(app.info(), {0, 0, 8, 8}, KPX_TILE_WRITE);
+    ASSERT_NE(view, nullptr);
+    std::memset(view->data, 250, std::size_t(view->line_bytes) * 8);
+    BM_TILE* source = Obtain(app.info(), {0, 0, 8, 8}, KPX_TILE_READ);
+    BM_TILE* before = Obtain(app.info(), {0, 0, 8, 8}, KPX_TILE_READ, KPX_EXTRA_READ_DEST);
+    ASSERT_TRUE(source && before);
+    EXPECT_EQ(At(source, 5, 6), 6 * 16 + 5);
+    EXPECT_EQ(At(before, 5, 6), 6 * 16 + 5);    // not written back yet
+    Bitmap().ReleaseTile(app.info(), view, 0);  // and never: the destination is as it was
+    BM_TILE* after = Obtain(app.info(), {0, 0, 8, 8}, KPX_TILE_WRITE);
+    ASSERT_NE(after, nullptr);
+    EXPECT_EQ(At(after, 5, 6), 6 * 16 + 5);
+    for (BM_TILE* t : {source, before, after}) Bitmap().ReleaseTile(app.info(), t, 0);
+    app.commit();
+    EXPECT_EQ(document.image().pixels, Numbered(8, 8).pixels);
+}
+
+// The destination lives partly in its own buffer (cells written) and partly
+// in the source (cells not written): reads across both, reaching past every
+// edge, with clamp and wrap.
+TEST(Views, TilesAcrossWrittenAndUnwrittenCellsAreAssembledAtEveryEdge) {
+    const int w = 9, h = 7;
+    Document document(Numbered(w, h), 4, 3);
+    Application app(document);
+    WriteValue(app.info(), {0, 0, 4, 3}, 200);  // the top left cell
+    WriteValue(app.info(), {8, 6, 9, 7}, 201);  // part of the bottom right cell
+    auto expected = [&](int x, int y) {
+        if (x < 4 && y < 3) return 200;
+        if (x == 8 && y == 6) return 201;
+        return y * 16 + x;
+    };
+    for (const RECT32 rect : {RECT32{-3, -2, w + 4, h + 3}, {2, 1, 7, 5}, {-5, 8, -1, 12}})
+        for (uint32_t extra : {0u, KPX_EXTRA_WRAP}) {
+            BM_TILE* tile = Obtain(app.info(), rect, KPX_TILE_READ, extra | KPX_EXTRA_READ_DEST);
+            ASSERT_NE(tile, nullptr);
+            for (int y = rect.y1; y < rect.y2; ++y)
+                for (int x = rect.x1; x < rect.x2; ++x) {
+                    const int sx = extra ? (x % w + w) % w : std::clamp(x, 0, w - 1);
+                    const int sy = extra ? (y % h + h) % h : std::clamp(y, 0, h - 1);
+                    ASSERT_EQ(At(tile, x, y), expected(sx, sy)) << x << "," << y << " " << extra;
+                }
+            Bitmap().ReleaseTile(app.info(), tile, 0);
+        }
+}
+
+// Random sequences of tile calls against a model host that copies every
+// tile: several tiles out at once, overlapping writable ones among them,
+// written into and given back with and without write-back in any order.
+// Every tile must show what the model's copy shows, and the result must be
+// the model's, whichever tiles were views.
+TEST(Views, BehaveLikePrivateCopiesInAnyOrder) {
+    const int w = 13, h = 11;
+    const uint32_t modes[] = {KPX_TILE_READ, KPX_TILE_WRITE, KPX_TILE_READWRITE, KPX_TILE_SCRATCH};
+    const uint32_t extras[] = {0, KPX_EXTRA_WRAP, KPX_EXTRA_READ_DEST};
+    uint32_t seed = 12345;
+    auto next = [&](int n) {
+        seed = seed * 1664525u + 1013904223u;
+        return int((seed >> 8) % uint32_t(n));
+    };
+    struct Out {
+        BM_TILE* tile;
+        uint32_t mode;
+        std::vector<uint8_t> model;  // what a private copy would hold
+    };
+    for (int round = 0; round < 400; ++round) {
+        const Image before = test::RandomImage(Format(w, h), round + 1);
+        Document document(before, 4, 3);
+        Image model = before;  // the destination as the model sees it
+        {
+            Application app(document);
+            std::vector<Out> out;
+            for (int step = 0; step < 40; ++step) {
+                const int op = next(3);
+                if (op == 0 && out.size() < 4) {
+                    const int x1 = next(w + 6) - 3, y1 = next(h + 6) - 3;
+                    const RECT32 rect{x1, y1, x1 + 1 + next(w), y1 + 1 + next(h)};
+                    const uint32_t mode = modes[next(4)], extra = extras[next(3)];
+                    BM_TILE* tile = Obtain(app.info(), rect, mode, extra);
+                    ASSERT_NE(tile, nullptr);
+                    const bool from_source = (mode & (KPX_ACCESS_READ | KPX_ACCESS_SCRATCH)) &&
+                                             !(extra & KPX_EXTRA_READ_DEST);
+                    const Image& layer = from_source ? before : model;
+                    Out o{tile, mode, {}};
+                    for (int y = rect.y1; y < rect.y2; ++y)
+                        for (int x = rect.x1; x < rect.x2; ++x) {
+                            const int sx = (extra & KPX_EXTRA_WRAP) ? (x % w + w) % w
+                                                                    : std::clamp(x, 0, w - 1);
+                            const int sy = (extra & KPX_EXTRA_WRAP) ? (y % h + h) % h
+                                                                    : std::clamp(y, 0, h - 1);
+                            o.model.push_back(layer.line_as<uint8_t>(sy)[sx]);
+                            ASSERT_EQ(At(tile, x, y), o.model.back())
+                                << "round " << round << " step " << step << " at " << x << "," << y;
+                        }
+                    out.push_back(std::move(o));
+                } else if (op == 1 && !out.empty()) {  // the module writes part of a tile
+                    Out& o = out[next(int(out.size()))];
+                    const int tw = o.tile->width, th = o.tile->height;
+                    const int x1 = next(tw), y1 = next(th), value = next(256);
+                    for (int y = y1; y < std::min(th, y1 + 1 + next(th)); ++y)
+                        for (int x = x1; x < tw; ++x) {
+                            static_cast<uint8_t*>(o.tile->data)[y * o.tile->line_bytes + x] =
+                                uint8_t(value);
+                            o.model[std::size_t(y) * tw + x] = uint8_t(value);
+                        }
+                } else if (op == 2 && !out.empty()) {
+                    const std::size_t i = std::size_t(next(int(out.size())));
+                    const bool write_back = next(3) != 0;
+                    const Out& o = out[i];
+                    const RECT32 r = o.tile->rect;
+                    if (write_back && (o.mode & KPX_ACCESS_WRITE) && !(o.mode & KPX_ACCESS_SCRATCH))
+                        for (int y = std::max(r.y1, 0); y < std::min(r.y2, h); ++y)
+                            for (int x = std::max(r.x1, 0); x < std::min(r.x2, w); ++x)
+                                model.line_as<uint8_t>(y)[x] =
+                                    o.model[std::size_t(y - r.y1) * (r.x2 - r.x1) + (x - r.x1)];
+                    Bitmap().ReleaseTile(app.info(), o.tile, write_back);
+                    out.erase(out.begin() + std::ptrdiff_t(i));
+                }
+            }
+            if (round % 2) app.commit();  // some tiles may still be out
+        }
+        EXPECT_EQ(document.image().pixels, (round % 2 ? model : before).pixels) << round;
+    }
+}
+
+// Two threads filter their own halves at once, each through its own tiles.
+TEST(Views, ThreadsWorkingOnSeparateAreas) {
+    const Image before = test::RandomImage(Format(64, 64, 4), 5);
+    Document document(before, 16, 16);
+    Application app(document);
+    auto work = [&](int x1, int x2) {
+        for (int y = 0; y < 64; y += 16) {
+            BM_TILE* in = Obtain(app.info(), {x1 - 1, y - 1, x2 + 1, y + 17}, KPX_TILE_READ);
+            BM_TILE* out = Obtain(app.info(), {x1, y, x2, y + 16}, KPX_TILE_WRITE);
+            if (!in || !out) return;
+            for (int row = 0; row < 16; ++row)
+                for (int b = 0; b < (x2 - x1) * 4; ++b)
+                    static_cast<uint8_t*>(out->data)[row * out->line_bytes + b] = uint8_t(
+                        255 - static_cast<uint8_t*>(in->data)[(row + 1) * in->line_bytes + 4 + b]);
+            Bitmap().ReleaseTile(app.info(), in, 0);
+            Bitmap().ReleaseTile(app.info(), out, 1);
+        }
+    };
+    std::thread left(work, 0, 32), right(work, 32, 64);
+    left.join();
+    right.join();
+    app.commit();
+    const Image after = document.image();
+    for (std::size_t i = 0; i < after.pixels.size(); ++i)
+        ASSERT_EQ(uint8_t(after.pixels[i]), 255 - uint8_t(before.pixels[i])) << i;
 }
 
 // The shared rule, worked by hand (the module's tests compare it with a

@@ -60,11 +60,10 @@ void* HostAlloc(std::size_t size, const KPX_SOURCE_LOCATION* where) noexcept {
                     std::to_string(where->line);
         h.record("HostAlloc", {int64_t(size)}, place);
     }
-    std::lock_guard lock(h.mutex);
-    ++h.alloc_calls;
-    if (h.faults.refuse_alloc && h.alloc_calls == h.faults.refuse_alloc) return nullptr;
+    if (h.refuse_alloc()) return nullptr;
     void* block = std::malloc(size ? size : 1);
     if (!block) return nullptr;
+    std::lock_guard lock(h.blocks_mutex);
     try {
         h.blocks.emplace(block, size);
     } catch (...) {
@@ -80,7 +79,7 @@ void FreeBlock(Host::Impl& h, void* block) {
     if (!block) return;
     bool ours = false;
     {
-        std::lock_guard lock(h.mutex);
+        std::lock_guard lock(h.blocks_mutex);
         ours = h.blocks.erase(block) == 1;
     }
     if (ours)
@@ -187,7 +186,7 @@ uint8_t TestBreak(BaseThread* thread) noexcept {
     Host::Impl& h = State();
     h.record("TestBreak", {});
     bool injected = false;
-    {
+    if (h.faults_set) {
         std::lock_guard lock(h.mutex);
         ++h.break_calls;
         injected = h.faults.break_at && h.break_calls >= h.faults.break_at;
@@ -340,11 +339,11 @@ const KPX_SYSTEM_API kSystem{sizeof(KPX_SYSTEM_API), AttachModuleContext, Critic
 // ---- Host::Impl ----
 
 bool Host::Impl::recording_on() const {
-    std::lock_guard lock(mutex);
     return recording;
 }
 
 void Host::Impl::record(std::string name, std::vector<int64_t> args, std::string text) {
+    if (!recording) return;
     try {
         std::lock_guard lock(mutex);
         if (recording) calls.push_back({std::move(name), std::move(args), std::move(text)});
@@ -367,13 +366,22 @@ void Host::Impl::message(std::string_view text) {
     }
 }
 
+bool Host::Impl::refuse_alloc() {
+    if (!faults_set) return false;
+    std::lock_guard lock(mutex);
+    ++alloc_calls;
+    return faults.refuse_alloc && alloc_calls == faults.refuse_alloc;
+}
+
 bool Host::Impl::refuse_tile() {
+    if (!faults_set) return false;
     std::lock_guard lock(mutex);
     ++tile_calls;
     return faults.refuse_tile && tile_calls == faults.refuse_tile;
 }
 
 bool Host::Impl::refuse_lock() {
+    if (!faults_set) return false;
     std::lock_guard lock(mutex);
     ++lock_calls;
     return faults.refuse_lock && lock_calls == faults.refuse_lock;
@@ -386,7 +394,7 @@ std::string Host::Impl::resource_folder(const KPX_STRINGTABLE* resources) {
 
 Application::State* Host::Impl::application(const BM_INFO* info) {
     if (!info) return nullptr;
-    std::lock_guard lock(mutex);
+    std::shared_lock lock(applications_mutex);
     auto* candidate = static_cast<Application::State*>(info->host);
     return applications.count(candidate) && &candidate->info == info ? candidate : nullptr;
 }
@@ -435,6 +443,8 @@ const KPX_HOST* Host::table() const {
 void Host::set_faults(const Faults& faults) {
     std::lock_guard lock(impl().mutex);
     impl().faults = faults;
+    impl().faults_set =
+        faults.refuse_alloc || faults.refuse_tile || faults.break_at || faults.refuse_lock;
     impl().alloc_calls = impl().tile_calls = impl().break_calls = impl().lock_calls = 0;
 }
 
@@ -450,7 +460,7 @@ std::vector<HostCall> Host::take_calls() {
 
 int64_t Host::live_allocations() const {
     Impl& i = const_cast<Host*>(this)->impl();
-    std::lock_guard lock(i.mutex);
+    std::lock_guard lock(i.blocks_mutex);
     return int64_t(i.blocks.size());
 }
 

@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <shared_mutex>
 #include <unordered_map>
 #include <variant>
 
@@ -29,12 +30,28 @@ struct KPX_CONTAINER {
 
 namespace bf {
 
-// The pixels of one grid tile, always a full tile_width x tile_height block
-// (edge tiles included) so addressing needs no special case.
-using TileData = std::vector<std::byte>;
-// One layer of a document: a grid tile per cell, row by row. Layers share
-// unchanged cells, so copying a layer copies pointers only.
-using Layer = std::vector<std::shared_ptr<TileData>>;
+// ---- pixel buffers -------------------------------------------------------------
+
+// Buffers kept for reuse, so that steady work (one tile after another, one
+// application after another) neither allocates nor faults fresh pages in.
+// What a buffer holds when taken is undefined.
+class BufferPool {
+public:
+    PixelBytes take(std::size_t bytes);
+    void give(PixelBytes&& bytes);
+    std::size_t free_bytes() const;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<PixelBytes> free_;  // oldest first
+    std::size_t free_bytes_ = 0;
+};
+BufferPool& Buffers();
+
+// A whole layer in one buffer, lines tightly packed; it goes back to the pool
+// with its last owner. Content, the undo step and applications share them.
+using LayerPixels = std::shared_ptr<const PixelBytes>;
+std::shared_ptr<PixelBytes> MakeLayer(PixelBytes&& bytes);
 
 struct Document::Impl {
     ImageFormat format;
@@ -43,37 +60,65 @@ struct Document::Impl {
     int columns = 0;  // grid cells across
     int rows = 0;     // grid cells down
     RECT32 area{};
-    Layer content;
-    Layer previous;  // the undo step, empty when there is none
+    LayerPixels content;   // never written while it is content
+    LayerPixels previous;  // the undo step, null when there is none
     Application::State* open = nullptr;
 
+    std::size_t pixel_bytes() const { return format.pixel_bytes(); }
+    std::size_t line_bytes() const { return format.line_bytes(); }
     std::size_t cell_of(int x, int y) const {
         return std::size_t(y / tile_height) * columns + std::size_t(x / tile_width);
-    }
-    std::size_t offset_in_cell(int x, int y) const {
-        return (std::size_t(y % tile_height) * tile_width + std::size_t(x % tile_width)) *
-               format.pixel_bytes();
     }
     uint32_t colour_mode() const { return ColourModeOf(format.type, format.components); }
 };
 
-// A tile handed to the module: its record and a private copy of the pixels.
+// A tile handed to the module: a view lent into the destination's own
+// buffer, or pixels of its own from the pool. Tiles that only read are
+// always private copies, so a module writing into one cannot reach the
+// source, which is the document's content.
 struct HostTile {
+    enum class Kind : uint8_t { LentView, Private };
     BM_TILE tile{};
-    std::vector<std::byte> pixels;
+    Kind kind = Kind::Private;
     uint32_t mode = 0;
     bool scaled = false;  // read-only: write-back is ignored
+    bool writes = false;  // written back to the destination when asked
+    PixelBytes pixels;    // a private tile's pixels
 };
 
+// One application's layers. The source is the content as it was when the
+// application began. The destination is the source with every write-back
+// on top: each grid cell of it lives either in the source (Shared) or in the
+// destination's own buffer (Owned), which is made on the first write. A
+// writable tile over Shared cells is lent as a view straight into that
+// buffer (the cells are Lent until it comes back); while it is out, the
+// destination still reads those cells from the source, and write-backs of
+// other tiles wait in `deferred` so that they land in order when it returns.
 struct Application::State {
+    enum class Cell : uint8_t { Shared, Owned, Lent };
+    struct Deferred {
+        RECT32 rect;
+        int32_t line_bytes;
+        PixelBytes pixels;
+    };
+
     BM_INFO info{};
     Document::Impl* document = nullptr;
-    std::mutex mutex;  // tiles may be obtained and released from several threads
-    Layer destination;
-    std::vector<bool> owned;  // destination cell already copied from the source
-    std::map<const BM_TILE*, std::unique_ptr<HostTile>> tiles;
+    LayerPixels source;
+    std::shared_ptr<PixelBytes> dest;  // null until something is written
+    std::vector<Cell> cells;
+    // Bookkeeping only; pixels are copied outside it except where the
+    // destination's own buffer is read or written.
+    std::mutex mutex;
+    std::vector<HostTile*> live;  // tiles handed out
+    std::vector<std::unique_ptr<HostTile>> spare;
+    HostTile* lent = nullptr;  // the one writable view, when it is out
+    int writers = 0;           // writable tiles out
+    std::vector<Deferred> deferred;
     bool committed = false;
     bool read_only = false;  // a dialog's view of a document: writing tiles are refused
+
+    ~State();
 };
 
 // A dialog's BM_INFO over a document: tiles read the content, tiles for
@@ -96,14 +141,19 @@ struct Host::Impl {
 
     mutable std::mutex mutex;  // guards the fields below that are not atomic
     Faults faults;
+    std::atomic<bool> faults_set{false};  // when clear, calls are not counted
     int64_t alloc_calls = 0;
     int64_t tile_calls = 0;
     int64_t break_calls = 0;
     int64_t lock_calls = 0;
-    bool recording = false;
+    std::atomic<bool> recording{false};
     std::vector<HostCall> calls;
+    std::mutex blocks_mutex;
     std::unordered_map<void*, std::size_t> blocks;  // live HostAlloc blocks and their sizes
-    std::set<Application::State*> applications;     // the BM_INFO host fields we accept
+    // The BM_INFO host fields we accept; looked up on every tile call, so
+    // under a lock of its own that readers share.
+    mutable std::shared_mutex applications_mutex;
+    std::set<Application::State*> applications;
     std::map<std::string, std::unique_ptr<KPX_STRINGTABLE>> string_tables;
     std::vector<Registration> registrations;
     ProgressSink progress_sink;
@@ -121,6 +171,7 @@ struct Host::Impl {
     void record(std::string name, std::vector<int64_t> args, std::string text = {});
     void message(std::string_view text);
     // Counts one call of a kind and says whether the fault set for it is due.
+    bool refuse_alloc();
     bool refuse_tile();
     bool refuse_lock();
     // The folder a loaded string table came from; empty when it is not loaded.

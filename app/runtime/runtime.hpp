@@ -42,14 +42,66 @@ struct ImageFormat {
     friend bool operator==(const ImageFormat&, const ImageFormat&) = default;
 };
 
+// Memory for pixels. Large blocks are mapped in whole huge pages and
+// populated at once, which costs a fraction of touching fresh small pages
+// one fault at a time; small ones come from the heap.
+void* AllocatePixelMemory(std::size_t bytes);
+void FreePixelMemory(void* block, std::size_t bytes) noexcept;
+
+// An allocator for pixels: new elements are left uninitialised, so a buffer
+// about to be written whole (a file read, a layer copy) is not zero-filled
+// first.
+template <class T>
+struct PixelAllocator {
+    using value_type = T;
+    PixelAllocator() = default;
+    template <class U>
+    PixelAllocator(const PixelAllocator<U>&) noexcept {}
+    T* allocate(std::size_t n) { return static_cast<T*>(AllocatePixelMemory(n * sizeof(T))); }
+    void deallocate(T* p, std::size_t n) noexcept { FreePixelMemory(p, n * sizeof(T)); }
+    template <class U>
+    void construct(U* p) noexcept {
+        ::new (static_cast<void*>(p)) U;
+    }
+    template <class U, class... Args>
+    void construct(U* p, Args&&... args) {
+        ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+    }
+    template <class U>
+    friend bool operator==(const PixelAllocator&, const PixelAllocator<U>&) {
+        return true;
+    }
+};
+
+// Pixel bytes: a vector that does not zero what it grows by.
+using PixelBytes = std::vector<std::byte, PixelAllocator<std::byte>>;
+
+// Read-only access to a tightly packed interleaved image held elsewhere.
+struct ImageView {
+    ImageFormat format;
+    const std::byte* pixels = nullptr;
+
+    const std::byte* line(int y) const { return pixels + format.line_bytes() * y; }
+};
+
 // A whole image in memory, interleaved and tightly packed, alpha first when
 // format.alpha. Used for files and tests, never handed to the module.
 struct Image {
     ImageFormat format;
-    std::vector<std::byte> pixels;
+    PixelBytes pixels;
 
     Image() = default;
-    explicit Image(const ImageFormat& f) : format(f), pixels(f.line_bytes() * f.height) {}
+    // All pixels zero.
+    explicit Image(const ImageFormat& f)
+        : format(f), pixels(f.line_bytes() * f.height, std::byte{0}) {}
+    // Pixels left as they come, for a caller that writes every one.
+    static Image ForOverwrite(const ImageFormat& f) {
+        Image image;
+        image.format = f;
+        image.pixels.resize(f.line_bytes() * f.height);
+        return image;
+    }
+    ImageView view() const { return {format, pixels.data()}; }
     std::byte* line(int y) { return pixels.data() + format.line_bytes() * y; }
     const std::byte* line(int y) const { return pixels.data() + format.line_bytes() * y; }
     template <class T>
@@ -64,15 +116,16 @@ struct Image {
 
 // ---- documents ---------------------------------------------------------------
 
-// A bitmap stored in tiles of the document's tile grid. Applying a filter
-// works on a destination layer that becomes the content only when the filter
-// succeeds; the previous content is kept as one undo step.
+// A bitmap with a tile grid. Its content is one contiguous buffer that is
+// never written once it is content; applying a filter works on a destination
+// layer that becomes the content only when the filter succeeds, and the
+// previous content is kept as one undo step.
 class Document {
 public:
     static constexpr int kDefaultTile = 128;
 
-    explicit Document(const Image& image, int tile_width = kDefaultTile,
-                      int tile_height = kDefaultTile);
+    // Takes the image's pixels over (pass an rvalue to avoid a copy).
+    explicit Document(Image image, int tile_width = kDefaultTile, int tile_height = kDefaultTile);
     ~Document();
     Document(const Document&) = delete;
     Document& operator=(const Document&) = delete;
@@ -84,7 +137,8 @@ public:
     RECT32 area() const;                // the area filters process; the whole image by default
     void set_area(const RECT32& area);  // clipped to the image
 
-    Image image() const;  // the current content, interleaved
+    Image image() const;     // a copy of the current content
+    ImageView view() const;  // the current content, valid until it changes or the document ends
     bool can_undo() const;
     void undo();
 
