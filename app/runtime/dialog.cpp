@@ -476,8 +476,8 @@ BM_INFO* CreatePreviewBitmap(const BM_INFO* image, int32_t max_width, int32_t ma
         }
         if (!copy) return nullptr;
         auto bitmap = std::make_unique<PreviewBitmap>();
-        bitmap->document =
-            std::make_unique<Document>(*copy, app->info.tile_width, app->info.tile_height);
+        bitmap->document = std::make_unique<Document>(std::move(*copy), app->info.tile_width,
+                                                      app->info.tile_height);
         if (view) bitmap->document->set_area(area);
         bitmap->application = std::make_unique<Application>(*bitmap->document);
         BM_INFO* info = bitmap->application->info();
