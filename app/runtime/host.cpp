@@ -163,15 +163,15 @@ void* BeginProgress(BM_INFO*) noexcept {
 
 void SetProgress(BM_INFO*, void*, int32_t done, int32_t total, const KPX_STRING* caption) noexcept {
     Host::Impl& h = State();
-    h.record("SetProgress", {done, total}, Text(caption));
-    Host::ProgressSink sink;
+    if (h.recording_on()) h.record("SetProgress", {done, total}, Text(caption));
+    std::shared_ptr<const Host::ProgressSink> sink;
     {
-        std::lock_guard lock(h.mutex);
+        std::lock_guard lock(h.sinks_mutex);
         sink = h.progress_sink;
     }
     if (!sink) return;
     try {
-        sink(caption ? std::string_view(caption->text) : std::string_view(), done, total);
+        (*sink)(caption ? std::string_view(caption->text) : std::string_view(), done, total);
     } catch (...) {
     }
 }
@@ -342,11 +342,20 @@ bool Host::Impl::recording_on() const {
     return recording;
 }
 
-void Host::Impl::record(std::string name, std::vector<int64_t> args, std::string text) {
+void Host::Impl::record(std::string_view name, std::initializer_list<int64_t> args,
+                        std::string_view text) {
+    if (!recording) return;
+    try {
+        record(name, std::vector<int64_t>(args), text);
+    } catch (...) {
+    }
+}
+
+void Host::Impl::record(std::string_view name, std::vector<int64_t> args, std::string_view text) {
     if (!recording) return;
     try {
         std::lock_guard lock(mutex);
-        if (recording) calls.push_back({std::move(name), std::move(args), std::move(text)});
+        if (recording) calls.push_back({std::string(name), std::move(args), std::string(text)});
     } catch (...) {
     }
 }
@@ -483,8 +492,9 @@ bool Host::break_requested() const {
 }
 
 void Host::set_progress_sink(ProgressSink sink) {
-    std::lock_guard lock(impl().mutex);
-    impl().progress_sink = std::move(sink);
+    auto shared = sink ? std::make_shared<const ProgressSink>(std::move(sink)) : nullptr;
+    std::lock_guard lock(impl().sinks_mutex);
+    impl().progress_sink = std::move(shared);
 }
 
 void Host::set_message_sink(MessageSink sink) {

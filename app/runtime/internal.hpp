@@ -156,7 +156,8 @@ struct Host::Impl {
     std::set<Application::State*> applications;
     std::map<std::string, std::unique_ptr<KPX_STRINGTABLE>> string_tables;
     std::vector<Registration> registrations;
-    ProgressSink progress_sink;
+    std::mutex sinks_mutex;  // the progress sink is read on every SetProgress
+    std::shared_ptr<const ProgressSink> progress_sink;
     MessageSink message_sink;
     void* client = nullptr;
     void* module_context = nullptr;
@@ -168,7 +169,10 @@ struct Host::Impl {
     KPX_SERVICE_STATE service_state{sizeof(KPX_SERVICE_STATE), 1};
 
     bool recording_on() const;
-    void record(std::string name, std::vector<int64_t> args, std::string text = {});
+    // Nothing is built unless recording is on.
+    void record(std::string_view name, std::initializer_list<int64_t> args = {},
+                std::string_view text = {});
+    void record(std::string_view name, std::vector<int64_t> args, std::string_view text = {});
     void message(std::string_view text);
     // Counts one call of a kind and says whether the fault set for it is due.
     bool refuse_alloc();
