@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #include "cli_support.hpp"
@@ -177,6 +178,8 @@ TEST_F(CliFailure, BadCommandLinesAndFiles) {
         {{"--area", "-1,0,5,5"}, "inside"},
         {{"--area", "5,5,5,9"}, "empty"},
         {{"--preset", path("missing").string()}, "cannot read preset"},
+        {{"--compression", "jpeg"}, "TIFF files take none, lzw, zip"},
+        {{"--compression="}, "--compression wants a name"},
     };
     for (const auto& [extra, message] : options) {
         std::vector<std::string> args{"apply", "invert", in_, out_};
@@ -192,6 +195,9 @@ TEST_F(CliFailure, BadCommandLinesAndFiles) {
                    "--columns belongs to contact-sheet");
     expect_failure({"apply", "invert", in_}, 2, "FILTER INPUT OUTPUT");
     expect_failure({"list", "--area", "0,0,1,1"}, 2, "belong to apply");
+    expect_failure({"describe", "gamma", "-v"}, 2, "belong to apply");
+    expect_failure({"apply", "invert", in_, path("out.jpg").string(), "--compression", "zip"}, 2,
+                   "JPEG files have no compression choice");
     expect_failure({"list", "--module", path("nothing.so").string()}, 2,
                    "cannot load the filter module");
     expect_failure({"apply", "invert", path("missing.png").string(), out_}, 2, "cannot read");
@@ -212,6 +218,82 @@ TEST_F(CliFailure, PresetOfAnotherFilterOrDamaged) {
     for (const char* preset : {"gamma.preset", "short.preset"})
         expect_failure({"apply", "invert", in_, out_, "--preset", path(preset).string()}, 2,
                        "does not belong to filter invert or is damaged");
+}
+
+// A file cut to a third of its length, or with garbage after its first bytes
+// (its signature), is refused whatever the format, also where the image
+// library reads what is there and fills the rest (uncompressed TIFF, JPEG).
+class CliDamagedFile : public CliFailure, public testing::WithParamInterface<FileCase> {};
+
+TEST_P(CliDamagedFile, IsRefusedAndNothingIsWritten) {
+    const FileCase& p = GetParam();
+    const std::string name = std::string("whole") + p.extension;
+    const std::string whole =
+        ReadText(input(name, RandomImage({96, 64, p.components, p.type, p.alpha})));
+    std::filesystem::remove(path(name));
+    std::string garbage = whole;
+    for (std::size_t i = 8; i < whole.size() / 3; ++i) garbage[i] = char(i * 7919 >> 3);
+    for (const auto& [damage, bytes] :
+         {std::pair{"cut", whole.substr(0, whole.size() / 3)}, std::pair{"garbage", garbage}}) {
+        SCOPED_TRACE(damage);
+        const std::string in = path(damage + std::string(p.extension)).string();
+        std::ofstream(in, std::ios::binary) << bytes;
+        const std::string out = path(std::string("out") + p.extension).string();
+        expect_failure({"apply", "invert", in, out}, 2, "cannot read " + in + ": ");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, CliDamagedFile,
+    testing::Values(FileCase{".tif", U8, 4, true}, FileCase{".tif", F32, 1, false},
+                    FileCase{".png", U16, 3, false}, FileCase{".exr", F32, 4, true},
+                    FileCase{".jpg", U8, 3, false}, FileCase{".pgm", U8, 1, false},
+                    FileCase{".ppm", U16, 3, false}, FileCase{".pfm", F32, 3, false}),
+    [](const auto& test) { return CaseName(test.param); });
+
+// The compression a file states, as the image library reads it.
+std::string CompressionOf(const std::string& file) {
+    FileOrigin origin;
+    ReadImage(file, &origin);
+    return origin.compression;
+}
+
+// An output of the input's format keeps its compression; another format, or
+// an input that states none, gets the output's fast default; --compression
+// wins over both.
+TEST_F(Cli, OutputCompressionFollowsTheInputOrTheOption) {
+    const Image image = RandomImage({20, 10, 3, F32, false});
+    const std::string lzw = path("lzw.tif").string(), piz = path("piz.exr").string();
+    WriteImage(lzw, image, {"lzw", {}});
+    WriteImage(piz, image, {"piz", {}});
+    const auto out = [&](const std::string& name) { return path(name).string(); };
+    applied({"invert", lzw, out("kept.tif")});
+    applied({"invert", piz, out("kept.exr")});
+    applied({"invert", lzw, out("other.exr")});
+    applied({"invert", input("in.png", ConvertImage(image, U8)), out("from-png.tif")});
+    applied({"invert", lzw, out("asked.tif"), "--compression", "zip:1"});
+    EXPECT_EQ(CompressionOf(out("kept.tif")), "lzw");
+    EXPECT_EQ(CompressionOf(out("kept.exr")), "piz");
+    EXPECT_EQ(CompressionOf(out("other.exr")), "none");
+    EXPECT_EQ(CompressionOf(out("from-png.tif")), "none");
+    EXPECT_EQ(CompressionOf(out("asked.tif")), "zip");
+}
+
+TEST_F(Cli, VerboseGivesOneLineOfTimes) {
+    const std::string in = input("in.tif", RandomImage({64, 32, 4, U8, true}));
+    const std::string out = path("out.tif").string();
+    const std::regex times(
+        R"(read \d+\.\d\d s, filter \d+\.\d\d s \(\d+ MP/s\), write \d+\.\d\d s)");
+    const Outcome quiet = run({"apply", "invert", in, out, "-v", "-q"});
+    EXPECT_EQ(quiet.status, 0);
+    ASSERT_EQ(Lines(quiet.err).size(), 1u) << quiet.err;
+    EXPECT_TRUE(std::regex_match(Lines(quiet.err)[0], times)) << quiet.err;
+    const Outcome told = run({"apply", "invert", in, out, "--verbose"});
+    EXPECT_EQ(told.status, 0);
+    const std::vector<std::string> lines = Lines(told.err);
+    ASSERT_EQ(lines.size(), 2u) << told.err;
+    EXPECT_TRUE(std::regex_match(lines[0], times)) << told.err;
+    EXPECT_EQ(lines[1], "wrote " + out);
 }
 
 }  // namespace

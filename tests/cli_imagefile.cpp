@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <limits>
+#include <string_view>
 
 #include "cli_support.hpp"
 #include "errors.hpp"
@@ -73,6 +75,83 @@ INSTANTIATE_TEST_SUITE_P(
                     FileCase{".pnm", U16, 1, false}),
     [](const auto& test) { return CaseName(test.param); });
 
+// Taller than one band of lines with alpha, so the reorder on the way out and
+// back runs over several bands and a short last one.
+TEST(ImageFile, ImagesOfManyBandsRoundTripExactly) {
+    TempDir dir;
+    for (const FileCase& p : {FileCase{".tif", U16, 4, true}, FileCase{".exr", F32, 2, true},
+                              FileCase{".png", U8, 4, true}, FileCase{".pfm", F32, 3, false}}) {
+        SCOPED_TRACE(CaseName(p));
+        const auto file = dir / (std::string("tall") + p.extension);
+        const Image written = RandomImage({1024, 1100, p.components, p.type, p.alpha}, 11);
+        WriteImage(file, written);
+        EXPECT_TRUE(Same(ReadImage(file), written));
+    }
+}
+
+// Every name --compression takes keeps the pixels exact, and the file says it
+// was written that way.
+TEST(ImageFile, EveryCompressionIsLosslessAndStated) {
+    struct Case {
+        const char* extension;
+        ComponentType type;
+        std::vector<std::string> names;
+    };
+    TempDir dir;
+    for (const Case& c : {Case{".tif", U8, {"none", "lzw", "zip", "zip:1", "zip:9", "packbits"}},
+                          Case{".tif", U16, {"lzw", "zip:3"}}, Case{".tif", F32, {"lzw", "zip"}},
+                          Case{".exr", F32, {"none", "rle", "zips", "zip", "zip:2", "piz"}},
+                          Case{".png", U16, {"none", "zip", "zip:1", "zip:9"}}}) {
+        const Image written = RandomImage({33, 21, 4, c.type, true}, 4);
+        for (const std::string& name : c.names) {
+            SCOPED_TRACE(std::string(c.extension) + " " + name);
+            const auto file = dir / (std::string("packed") + c.extension);
+            WriteImage(file, written, {name, {}});
+            FileOrigin origin;
+            EXPECT_TRUE(Same(ReadImage(file, &origin), written));
+            if (std::string(c.extension) != ".png") {  // PNG files do not state theirs
+                EXPECT_EQ(origin.compression, name.substr(0, name.find(':')));
+            }
+        }
+    }
+}
+
+// PNG levels are all deflate; only the size tells them apart.
+TEST(ImageFile, PngLevelsTradeSizeForSpeed) {
+    TempDir dir;
+    Image ramp({256, 64, 1, U8, false});
+    for (int y = 0; y < 64; ++y)
+        for (int x = 0; x < 256; ++x) ramp.line_as<uint8_t>(y)[x] = uint8_t(x);
+    const auto size = [&](const std::string& compression) {
+        WriteImage(dir / "ramp.png", ramp, {compression, {}});
+        return std::filesystem::file_size(dir / "ramp.png");
+    };
+    EXPECT_GT(size("none"), ramp.pixels.size());
+    EXPECT_LT(size("zip:9"), ramp.pixels.size() / 10);
+    EXPECT_EQ(size(""), size("zip:1"));
+}
+
+TEST(ImageFile, CompressionNamesAreCheckedAgainstTheOutputFormat) {
+    for (const char* taken : {"none", "zip:9", ""})
+        EXPECT_EQ(ExitStatusOf([&] { CheckCompression("a.png", taken); }), 0) << taken;
+    for (const char* taken : {"lzw", "packbits", "zip:1"})
+        EXPECT_EQ(ExitStatusOf([&] { CheckCompression("a.TIF", taken); }), 0) << taken;
+    for (const char* taken : {"piz", "rle", "zips"})
+        EXPECT_EQ(ExitStatusOf([&] { CheckCompression("a.exr", taken); }), 0) << taken;
+    for (const auto& [file, refused] : {std::pair{"a.png", "lzw"},
+                                        {"a.png", "zip:0"},
+                                        {"a.tif", "zip:10"},
+                                        {"a.tif", "jpeg"},
+                                        {"a.tif", "ZIP"},
+                                        {"a.exr", "dwaa"},
+                                        {"a.exr", "pxr24"},
+                                        {"a.jpg", "none"},
+                                        {"a.ppm", "none"},
+                                        {"a.pfm", "zip"}})
+        EXPECT_EQ(ExitStatusOf([&] { CheckCompression(file, refused); }), kExitUsage)
+            << file << " " << refused;
+}
+
 TEST(ImageFile, JpegKeepsItsShapeButNotItsValues) {
     TempDir dir;
     const Image written = RandomImage({16, 8, 3, U8, false});
@@ -133,16 +212,26 @@ TEST(ImageFile, HalfFloatIsReadAsFloat) {
     EXPECT_EQ(std::vector<float>(line, line + 3), std::vector<float>(pixels, pixels + 3));
 }
 
-TEST(ImageFile, SixteenBitGreyMapWithCommentsIsReadExactly) {
+void WriteBytes(const std::filesystem::path& file, std::string_view bytes) {
+    std::ofstream(file, std::ios::binary) << bytes;
+}
+
+// Maps made by hand, as other programs write them: a comment in the header,
+// big-endian 16-bit samples, a big-endian float map stored bottom line first.
+TEST(ImageFile, HandMadeMapsAreReadExactly) {
     TempDir dir;
-    const auto file = dir / "grey.pgm";
-    const unsigned char bytes[] = "P5\n# made by hand\n3 1\n65535\n\x00\x01\x9c\x40\xff\xff";
-    std::FILE* out = std::fopen(file.c_str(), "wb");
-    std::fwrite(bytes, 1, sizeof bytes - 1, out);
-    std::fclose(out);
-    const Image image = ReadImage(file);
-    EXPECT_EQ(image.format, (ImageFormat{3, 1, 1, U16, false}));
-    EXPECT_EQ(ValuesOf<uint16_t>(image), (std::vector<uint16_t>{1, 40000, 65535}));
+    using namespace std::string_view_literals;
+    WriteBytes(dir / "grey.pgm", "P5\n# made by hand\n3 1\n65535\n\x00\x01\x9c\x40\xff\xff"sv);
+    const Image grey = ReadImage(dir / "grey.pgm");
+    EXPECT_EQ(grey.format, (ImageFormat{3, 1, 1, U16, false}));
+    EXPECT_EQ(ValuesOf<uint16_t>(grey), (std::vector<uint16_t>{1, 40000, 65535}));
+
+    // 0.5 (3f000000) on the bottom line, 2.0 (40000000) on the top one.
+    WriteBytes(dir / "big.pfm", "Pf\n1 2\n1.0\n\x3f\x00\x00\x00\x40\x00\x00\x00"sv);
+    const Image floats = ReadImage(dir / "big.pfm");
+    EXPECT_EQ(floats.format, (ImageFormat{1, 2, 1, F32, false}));
+    EXPECT_EQ(floats.line_as<float>(0)[0], 2.0f);
+    EXPECT_EQ(floats.line_as<float>(1)[0], 0.5f);
 }
 
 TEST(ImageFile, UnreadableFilesAreUsageErrors) {

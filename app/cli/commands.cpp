@@ -1,6 +1,7 @@
 #include "commands.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -142,7 +143,7 @@ std::vector<GadgetInfo> DialogGadgets(const BitmapFilterDescriptor& record,
     Settings settings = DefaultSettings(record, filter);
     Image grey({64, 64, 3, ComponentType::U8, false});
     std::fill(grey.pixels.begin(), grey.pixels.end(), std::byte{128});
-    Document document(grey);
+    Document document(std::move(grey));
     std::vector<GadgetInfo> gadgets;
     DialogScript cancel;
     cancel.confirm = false;
@@ -173,17 +174,42 @@ void EditInDialog(const BitmapFilterDescriptor& record, const FilterKey& filter,
 
 // ---- filtering ----------------------------------------------------------------------
 
+using Clock = std::chrono::steady_clock;
+
+double SecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Where an apply run spends its time, for --verbose.
+struct Times {
+    double read = 0;
+    double filter = 0;
+    double write = 0;
+    int64_t pixels = 0;  // filtered
+};
+
+std::string TimesLine(const Times& times) {
+    char line[160];
+    const double rate = double(times.pixels) / 1e6 / std::max(times.filter, 1e-9);
+    std::snprintf(line, sizeof line, "read %.2f s, filter %.2f s (%.0f MP/s), write %.2f s",
+                  times.read, times.filter, rate, times.write);
+    return line;
+}
+
 // Runs the filter on the document with the progress bar and Ctrl-C handling,
-// and writes the result. Ctrl-C stays caught until the output is complete, so
-// that it can remove the unfinished file.
+// and writes the result from the document's own pixels. Ctrl-C stays caught
+// until the output is complete, so that it can remove the unfinished file.
 void FilterAndWrite(const BitmapFilterDescriptor& record, const FilterKey& filter,
-                    Document& document, Settings& settings, const Options& options) {
+                    Document& document, Settings& settings, const Options& options,
+                    const FileOrigin& origin, Times& times) {
     InterruptWatcher watcher;
     int32_t status;
+    Clock::time_point start = Clock::now();
     {
         ProgressBar bar(!options.quiet);
         status = ApplyFilter(record, document, settings);
     }
+    times.filter = SecondsSince(start);
     // After a break the filter may report any status, even success when it
     // could not obtain its first tile; either way its work was dropped.
     if (Host::Get().break_requested())
@@ -193,7 +219,9 @@ void FilterAndWrite(const BitmapFilterDescriptor& record, const FilterKey& filte
                                         std::string(DescribeStatus(status)) + " (status " +
                                         std::to_string(status) + "); nothing written");
     watcher.end_at_once();
-    WriteImage(options.output, document.image());
+    start = Clock::now();
+    WriteImage(options.output, document.view(), WriteSettings{options.compression, origin});
+    times.write = SecondsSince(start);
 }
 
 }  // namespace
@@ -221,12 +249,17 @@ int RunList(const Options& options) {
 
 int RunApply(const Options& options) {
     const FilterKey& filter = FilterFromOption(options.filter);
+    CheckCompression(options.output, options.compression);  // before any work is done
     const std::unique_ptr<Module> module = LoadModule(options);
     const BitmapFilterDescriptor& record = RecordOf(*module, filter);
 
-    Image image = ReadImage(options.input);
+    Times times;
+    const Clock::time_point start = Clock::now();
+    FileOrigin origin;
+    Image image = ReadImage(options.input, &origin);
     if (options.type) image = ConvertImage(image, *options.type);
-    CheckWritable(options.output, image.format);  // before any work is done
+    times.read = SecondsSince(start);
+    CheckWritable(options.output, image.format);
     if (options.area) CheckArea(*options.area, image.format);
 
     Settings settings = DefaultSettings(record, filter);
@@ -234,15 +267,17 @@ int RunApply(const Options& options) {
 
     const TileSize tile =
         options.tile.value_or(TileSize{Document::kDefaultTile, Document::kDefaultTile});
-    Document document(image, tile.width, tile.height);
+    Document document(std::move(image), tile.width, tile.height);
     if (options.area) document.set_area(*options.area);
-    image = Image();  // the document holds the pixels now
+    const RECT32 area = document.area();
+    times.pixels = int64_t(area.x2 - area.x1) * (area.y2 - area.y1);
 
     if (options.border_wrap || !options.changes.empty())
         EditInDialog(record, filter, document, settings, options);
     if (options.save_preset) WriteWholeFile(*options.save_preset, settings.to_blob());
 
-    FilterAndWrite(record, filter, document, settings, options);
+    FilterAndWrite(record, filter, document, settings, options, origin, times);
+    if (options.verbose) std::fprintf(stderr, "%s\n", TimesLine(times).c_str());
     if (!options.quiet) std::fprintf(stderr, "wrote %s\n", options.output.c_str());
     return kExitOk;
 }

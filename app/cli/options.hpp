@@ -34,6 +34,8 @@ struct Options {
     std::optional<ComponentType> type;
     std::vector<GadgetChange> changes;  // --set, in order
     std::optional<bool> border_wrap;    // --border wrap (true) or clamp (false)
+    std::string compression;            // --compression; empty when not given
+    bool verbose = false;               // -v: read, filter and write times
 
     // describe (with `filter`)
     bool json = false;
