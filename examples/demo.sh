@@ -18,6 +18,7 @@ settings() {
     matrix)     echo "matrix_0=-2 matrix_1=-1 matrix_2=0
                       matrix_3=-1 matrix_4=1  matrix_5=1
                       matrix_6=0  matrix_7=1  matrix_8=2" ;;  # a relief
+    pixelize)   echo "cell_size=12" ;;
     sharpen)    echo "kernel=1" ;;                            # eight neighbours
     details)    echo "kernel=2 strength=100" ;;               # 7 x 7
     structures) echo "kernel=11" ;;                           # its vertical lines alone

@@ -108,6 +108,14 @@ private:
     BM_TILE* tile_ = nullptr;
 };
 
+// Copies `src` into `dst`, scaled to dst's size the way scaled tile requests
+// are served. False when the host refuses or offers no such copy.
+inline bool CopyScaledTile(BM_INFO* info, const BM_TILE& src, BM_TILE& dst) {
+    const KPX_BITMAP_API* bitmap = Host().bitmap;
+    return KPX_GROUP_HAS(bitmap, CopyScaledTile) &&
+           bitmap->CopyScaledTile(info, &src, &dst) == KPX_OK;
+}
+
 // ---- progress and break ----------------------------------------------------
 
 inline bool TestBreak(BaseThread* thread) {

@@ -32,11 +32,6 @@ bool RegisterDeinterlace() {
     return RegisterFilter(FilterRowOf("deinterlace"));
 }
 
-constexpr BitmapFilterDescriptor kPixelizeFilter = PendingRecord("pixelize");
-bool RegisterPixelize() {
-    return RegisterFilter(FilterRowOf("pixelize"));
-}
-
 constexpr BitmapFilterDescriptor kMotionBlurFilter = PendingRecord("motionblur");
 bool RegisterMotionBlur() {
     return RegisterFilter(FilterRowOf("motionblur"));

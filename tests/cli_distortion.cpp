@@ -1,0 +1,77 @@
+// The distortion filters from the command line: settings typed with --set
+// and kept in a preset reach the module, and 8-bit, 16-bit and float files
+// with and without alpha come out as the same dialog and application give in
+// this process. The module's own tests check the pixels themselves.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cli_support.hpp"
+
+namespace bf::cli {
+namespace {
+
+using test::FileCase;
+using test::RandomImage;
+
+const Module& InProcess() {
+    static const std::unique_ptr<Module> module = [] {
+        std::string error;
+        auto loaded = Module::Load(DefaultModulePath(), error);
+        if (!loaded) throw std::runtime_error(error);
+        return loaded;
+    }();
+    return *module;
+}
+
+// The image filtered in this process, on a tile grid of `tile` x `tile`,
+// after the same dialog changes.
+Image InProcessResult(int32_t plugin_id, const Image& input, int tile,
+                      const std::vector<GadgetChange>& changes) {
+    const Registration* registration = InProcess().find(plugin_id);
+    if (!registration) throw std::runtime_error("filter not registered");
+    const BitmapFilterDescriptor& record = *registration->record;
+    Document document(input, tile, tile);
+    auto settings = Settings::Defaults(record);
+    DialogScript script;
+    script.changes = changes;
+    script.image_view = false;
+    SetPreference(KPX_PREFERENCES_ID, 6, false);  // no preview, as on the command line
+    EXPECT_EQ(RunDialog(record, document, *settings, script), 0);
+    EXPECT_EQ(ApplyFilter(record, document, *settings), 0);
+    return document.image();
+}
+
+const std::vector<FileCase> kFiles{{".png", ComponentType::U8, 4, true},
+                                   {".tif", ComponentType::U16, 3, false},
+                                   {".tif", ComponentType::F32, 2, true}};
+
+TEST_F(Cli, PixelizeCellSizeFromSetAndPresetOnEveryFileType) {
+    int run = 0;
+    for (const FileCase& file : kFiles) {
+        SCOPED_TRACE(test::CaseName(file));
+        const Image image = RandomImage({37, 29, file.components, file.type, file.alpha}, ++run);
+        const std::string in = input("in" + std::string(file.extension), image);
+        const std::string out = path("out" + std::string(file.extension)).string();
+        const std::string preset = path("pixelize.preset").string();
+        const Image set = applied({"pixelize", in, out, "--set", "cell_size=7", "--save-preset",
+                                   preset, "--tile", "32x32"});
+        EXPECT_TRUE(Same(set, InProcessResult(1000559, image, 32, {{"cell_size", "7"}})));
+        EXPECT_FALSE(Same(set, image));
+
+        const std::string blob = ReadText(preset);
+        ASSERT_EQ(blob.size(), 24u);
+        EXPECT_EQ(blob.substr(16, 4), "pixl");
+        uint32_t size = 0;
+        std::memcpy(&size, blob.data() + 20, sizeof size);
+        EXPECT_EQ(size, 7u);
+        EXPECT_TRUE(
+            Same(applied({"pixelize", in, out, "--preset", preset, "--tile", "32x32"}), set));
+    }
+}
+
+}  // namespace
+}  // namespace bf::cli
