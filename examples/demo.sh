@@ -20,6 +20,7 @@ settings() {
                       matrix_6=0  matrix_7=1  matrix_8=2" ;;  # a relief
     pixelize)   echo "cell_size=12" ;;
     sharpen)    echo "kernel=1" ;;                            # eight neighbours
+    spread)     echo "horizontal=8" ;;                        # the vertical spread follows
     details)    echo "kernel=2 strength=100" ;;               # 7 x 7
     structures) echo "kernel=11" ;;                           # its vertical lines alone
     threshold)  echo "levels=4" ;;

@@ -72,11 +72,6 @@ bool RegisterNoise() {
     return RegisterFilter(FilterRowOf("noise"));
 }
 
-constexpr BitmapFilterDescriptor kSpreadFilter = PendingRecord("spread");
-bool RegisterSpread() {
-    return RegisterFilter(FilterRowOf("spread"));
-}
-
 constexpr BitmapFilterDescriptor kTextureMapFilter = PendingRecord("texturemap");
 bool RegisterTextureMap() {
     return RegisterFilter(FilterRowOf("texturemap"));

@@ -1,7 +1,8 @@
 // The distortion filters from the command line: settings typed with --set
 // and kept in a preset reach the module, and 8-bit, 16-bit and float files
 // with and without alpha come out as the same dialog and application give in
-// this process. The module's own tests check the pixels themselves.
+// this process, or (for a random scatter) as pixels of the input from inside
+// the window. The module's own tests check the pixels themselves.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -70,6 +71,52 @@ TEST_F(Cli, PixelizeCellSizeFromSetAndPresetOnEveryFileType) {
         EXPECT_EQ(size, 7u);
         EXPECT_TRUE(
             Same(applied({"pixelize", in, out, "--preset", preset, "--tile", "32x32"}), set));
+    }
+}
+
+// True when every pixel of `out` is a pixel of `in` taken from an offset of
+// `low` to `high` across and down, wrapped round at the edges.
+bool ScatteredWithin(const Image& in, const Image& out, int low, int high) {
+    const ImageFormat& f = in.format;
+    const std::size_t bytes = f.pixel_bytes();
+    for (int y = 0; y < f.height; ++y)
+        for (int x = 0; x < f.width; ++x) {
+            bool found = false;
+            for (int oy = low; oy <= high && !found; ++oy)
+                for (int ox = low; ox <= high && !found; ++ox) {
+                    const int sx = ((x + ox) % f.width + f.width) % f.width;
+                    const int sy = ((y + oy) % f.height + f.height) % f.height;
+                    found =
+                        std::memcmp(out.line(y) + x * bytes, in.line(sy) + sx * bytes, bytes) == 0;
+                }
+            if (!found) return false;
+        }
+    return true;
+}
+
+// Linked spreads of 3 draw offsets of -2 to 1; the preset keeps both spreads.
+TEST_F(Cli, SpreadScattersWithinItsWindowOnEveryFileType) {
+    int run = 0;
+    for (const FileCase& file : kFiles) {
+        SCOPED_TRACE(test::CaseName(file));
+        const Image image = RandomImage({31, 19, file.components, file.type, file.alpha}, ++run);
+        const std::string in = input("in" + std::string(file.extension), image);
+        const std::string out = path("out" + std::string(file.extension)).string();
+        const std::string preset = path("spread.preset").string();
+        const Image set = applied({"spread", in, out, "--set", "horizontal=3", "--border", "wrap",
+                                   "--save-preset", preset});
+        EXPECT_TRUE(ScatteredWithin(image, set, -2, 1));
+        EXPECT_FALSE(Same(set, image));
+
+        const std::string blob = ReadText(preset);
+        ASSERT_EQ(blob.size(), 36u);
+        EXPECT_EQ(blob.substr(16, 4), "dstr");
+        float spreads[2] = {};
+        std::memcpy(spreads, blob.data() + 28, sizeof spreads);
+        EXPECT_EQ(spreads[0], 3.0f);
+        EXPECT_EQ(spreads[1], 3.0f);
+        EXPECT_TRUE(ScatteredWithin(
+            image, applied({"spread", in, out, "--preset", preset, "--border", "wrap"}), -2, 1));
     }
 }
 
