@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace kpx::scaling {
 
@@ -37,6 +38,46 @@ std::vector<Span> AxisSpans(int32_t source, int32_t target) {
     return spans;
 }
 
+namespace {
+
+// The widest box of a set of spans.
+int64_t Widest(const std::vector<Span>& spans) {
+    int64_t widest = 0;
+    for (const Span& span : spans) widest = std::max<int64_t>(widest, span.end - span.begin);
+    return widest;
+}
+
+template <class T, class S>
+void ScaleLines(const SourceBlock& src, const TargetBlock& dst, int components,
+                const std::vector<Span>& xs, const std::vector<Span>& ys) {
+    const LineRoutines<T, S> line = RoutinesFor<T, S>(components);
+    const std::size_t line_bytes = static_cast<std::size_t>(dst.width) * components * sizeof(T);
+    const bool single_columns = Widest(xs) == 1;
+    std::vector<S> sums(static_cast<std::size_t>(dst.width) * components);
+    for (int32_t j = 0; j < dst.height; ++j) {
+        const Span rows = ys[static_cast<std::size_t>(j)];
+        std::byte* out = TargetLine(dst, j);
+        if (j > 0 && rows.begin == ys[static_cast<std::size_t>(j) - 1].begin) {
+            // Enlarging: the same source row as the line above.
+            std::memcpy(out, TargetLine(dst, j - 1), line_bytes);
+            continue;
+        }
+        if (single_columns && rows.end - rows.begin == 1) {  // nothing to average
+            line.pick(reinterpret_cast<const T*>(SourceLine(src, rows.begin)), xs, components,
+                      reinterpret_cast<T*>(out));
+            continue;
+        }
+        std::fill(sums.begin(), sums.end(), S{});
+        for (int32_t y = rows.begin; y < rows.end; ++y)
+            line.accumulate(reinterpret_cast<const T*>(SourceLine(src, y)), xs, components,
+                            sums.data());
+        line.store(sums.data(), xs, static_cast<uint64_t>(rows.end - rows.begin), components,
+                   reinterpret_cast<T*>(out));
+    }
+}
+
+}  // namespace
+
 template <class T>
 void Scale(const SourceBlock& src, const TargetBlock& dst, int components) {
     const std::size_t line_bytes = static_cast<std::size_t>(dst.width) * components * sizeof(T);
@@ -46,20 +87,16 @@ void Scale(const SourceBlock& src, const TargetBlock& dst, int components) {
     }
     const std::vector<Span> xs = AxisSpans(src.width, dst.width);
     const std::vector<Span> ys = AxisSpans(src.height, dst.height);
-    std::vector<Sum<T>> sums(static_cast<std::size_t>(dst.width) * components);
-    for (int32_t j = 0; j < dst.height; ++j) {
-        const Span rows = ys[static_cast<std::size_t>(j)];
-        std::byte* out = TargetLine(dst, j);
-        if (j > 0 && rows.begin == ys[static_cast<std::size_t>(j) - 1].begin) {
-            // Enlarging: the same source row as the line above.
-            std::memcpy(out, TargetLine(dst, j - 1), line_bytes);
-            continue;
-        }
-        std::fill(sums.begin(), sums.end(), Sum<T>{});
-        for (int32_t y = rows.begin; y < rows.end; ++y)
-            AccumulateLine(reinterpret_cast<const T*>(SourceLine(src, y)), xs, components,
-                           sums.data());
-        StoreMeans(sums.data(), xs, rows.end - rows.begin, components, reinterpret_cast<T*>(out));
+    if constexpr (std::is_floating_point_v<T>) {
+        ScaleLines<T, double>(src, dst, components, xs, ys);
+    } else {
+        // Integer sums in 32 bits when the largest box, rounding included,
+        // cannot overflow them.
+        const uint64_t largest = static_cast<uint64_t>(Widest(xs)) * Widest(ys);
+        if (largest <= UINT32_MAX / (uint64_t{std::numeric_limits<T>::max()} + 1))
+            ScaleLines<T, uint32_t>(src, dst, components, xs, ys);
+        else
+            ScaleLines<T, uint64_t>(src, dst, components, xs, ys);
     }
 }
 

@@ -15,10 +15,6 @@ struct Span {
     int32_t end;
 };
 
-// Integer components are summed exactly, float ones in double.
-template <class T>
-using Sum = std::conditional_t<std::is_floating_point_v<T>, double, uint64_t>;
-
 struct SourceBlock {
     const std::byte* data;
     std::ptrdiff_t line_bytes;
@@ -38,12 +34,23 @@ std::vector<Span> AxisSpans(int32_t source, int32_t target);
 template <class T>
 void Scale(const SourceBlock& src, const TargetBlock& dst, int components);
 
-// scalelin.cpp: one line at a time.
-// Adds every pixel of each x span of `src` into that output pixel's sums.
-template <class T>
-void AccumulateLine(const T* src, std::span<const Span> xs, int components, Sum<T>* sums);
-// Turns the sums of `rows` accumulated lines into output pixels.
-template <class T>
-void StoreMeans(const Sum<T>* sums, std::span<const Span> xs, int64_t rows, int components, T* dst);
+// scalelin.cpp: one line at a time, in the sums `S` (float components in
+// double; integer ones in 32 bits where the largest box cannot overflow them,
+// else in 64), for one component count.
+template <class T, class S>
+struct LineRoutines {
+    // Adds every pixel of each x span of `src` into that output pixel's sums,
+    // in source order.
+    void (*accumulate)(const T* src, std::span<const Span> xs, int components, S* sums);
+    // Turns the sums of `rows` accumulated lines into output pixels.
+    void (*store)(const S* sums, std::span<const Span> xs, uint64_t rows, int components, T* dst);
+    // An output line of single source pixels (no box larger than one pixel):
+    // pixel xs[i].begin of `src` for each i.
+    void (*pick)(const T* src, std::span<const Span> xs, int components, T* dst);
+};
+
+// The routines for that many components per pixel (unrolled for 1 to 4).
+template <class T, class S>
+LineRoutines<T, S> RoutinesFor(int components);
 
 }  // namespace kpx::scaling
