@@ -37,11 +37,6 @@ bool RegisterMotionBlur() {
     return RegisterFilter(FilterRowOf("motionblur"));
 }
 
-constexpr BitmapFilterDescriptor kLensFilter = PendingRecord("lens");
-bool RegisterLens() {
-    return RegisterFilter(FilterRowOf("lens"));
-}
-
 constexpr BitmapFilterDescriptor kWhirlFilter = PendingRecord("whirl");
 bool RegisterWhirl() {
     return RegisterFilter(FilterRowOf("whirl"));
@@ -55,11 +50,6 @@ bool RegisterOilify() {
 constexpr BitmapFilterDescriptor kRadialBlurFilter = PendingRecord("radialblur");
 bool RegisterRadialBlur() {
     return RegisterFilter(FilterRowOf("radialblur"));
-}
-
-constexpr BitmapFilterDescriptor kWavesFilter = PendingRecord("waves");
-bool RegisterWaves() {
-    return RegisterFilter(FilterRowOf("waves"));
 }
 
 constexpr BitmapFilterDescriptor kGaussFilter = PendingRecord("gauss");

@@ -128,3 +128,70 @@ inline bool SamePixels(const Image& a, const Image& b) {
 }
 
 }  // namespace bf::test
+
+#include <cmath>
+
+namespace bf::test {
+
+// The bilinear blend of four pixels p00, p10, p01, p11 at weights u (across)
+// and v (down), in double precision. With alpha the colours are blended
+// weighted by their alpha (as a fraction of the maximum for integers) and
+// divided by the blended weight (by 1 when that is 0). Integers are rounded
+// half up, colours with alpha clamped to 0..max; floats are clamped below 0
+// only.
+template <class T>
+std::vector<T> BilinearBlend(const std::vector<T> (&p)[4], double u, double v, bool alpha) {
+    constexpr bool kFloat = std::is_same_v<T, float>;
+    const double top = kFloat ? 1.0 : std::is_same_v<T, uint8_t> ? 255.0 : 65535.0;
+    const auto lerp = [&](double a, double b, double c, double d) {
+        const double upper = a + (b - a) * u, lower = c + (d - c) * u;
+        return upper + (lower - upper) * v;
+    };
+    const auto round = [](double value) {
+        if constexpr (kFloat)
+            return float(value);
+        else
+            return T(std::floor(value + 0.5));
+    };
+    std::vector<T> out(p[0].size());
+    const double a = alpha ? lerp(p[0][0], p[1][0], p[2][0], p[3][0]) : 0;
+    const double weight = kFloat ? a : a / top;
+    for (std::size_t c = 0; c < out.size(); ++c) {
+        if (!alpha) {
+            out[c] = round(lerp(p[0][c], p[1][c], p[2][c], p[3][c]));
+        } else if (c == 0) {
+            out[c] = round(a);
+        } else {
+            const auto pre = [&](int i) { return p[i][c] * (kFloat ? p[i][0] : p[i][0] / top); };
+            const double value = lerp(pre(0), pre(1), pre(2), pre(3)) / (weight == 0 ? 1 : weight);
+            out[c] = value < 0 ? T(0) : !kFloat && value > top ? T(top) : round(value);
+        }
+    }
+    return out;
+}
+
+// The pixel at (x, y) of an image, with x and y outside it wrapped round or
+// clamped to the nearest edge.
+template <class T>
+std::vector<T> FoldedPixel(const Image& image, int64_t x, int64_t y, bool wrap) {
+    const ImageFormat& f = image.format;
+    const auto fold = [wrap](int64_t v, int64_t size) {
+        return wrap ? ((v % size) + size) % size : std::clamp<int64_t>(v, 0, size - 1);
+    };
+    const T* p = image.line_as<T>(int(fold(y, f.height))) + fold(x, f.width) * f.components;
+    return {p, p + f.components};
+}
+
+// The image sampled bilinearly at (x, y), pixel centres at half-integer
+// positions, neighbours outside it folded.
+template <class T>
+std::vector<T> BilinearSample(const Image& image, double x, double y, bool wrap) {
+    const double fx = std::floor(x - 0.5), fy = std::floor(y - 0.5);
+    const auto x0 = int64_t(fx), y0 = int64_t(fy);
+    const std::vector<T> p[4] = {
+        FoldedPixel<T>(image, x0, y0, wrap), FoldedPixel<T>(image, x0 + 1, y0, wrap),
+        FoldedPixel<T>(image, x0, y0 + 1, wrap), FoldedPixel<T>(image, x0 + 1, y0 + 1, wrap)};
+    return BilinearBlend(p, x - 0.5 - fx, y - 0.5 - fy, image.format.alpha);
+}
+
+}  // namespace bf::test
