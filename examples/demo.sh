@@ -19,6 +19,7 @@ settings() {
                       matrix_3=-1 matrix_4=1  matrix_5=1
                       matrix_6=0  matrix_7=1  matrix_8=2" ;;  # a relief
     pixelize)   echo "cell_size=12" ;;
+    waves)      echo "amplitude=6 wavelength=10" ;;
     sharpen)    echo "kernel=1" ;;                            # eight neighbours
     spread)     echo "horizontal=8" ;;                        # the vertical spread follows
     details)    echo "kernel=2 strength=100" ;;               # 7 x 7

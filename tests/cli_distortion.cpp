@@ -120,5 +120,67 @@ TEST_F(Cli, SpreadScattersWithinItsWindowOnEveryFileType) {
     }
 }
 
+// Degrees, percent and reals typed as a person would, and the border choice,
+// reach the record and the preset; the preset gives the same result again.
+TEST_F(Cli, WavesAndLensSettingsFromSetAndPresetOnEveryFileType) {
+    struct Case {
+        const char* key;
+        int32_t plugin_id;
+        std::vector<GadgetChange> changes;
+        std::size_t blob_size;
+    };
+    const Case cases[] = {
+        {"waves",
+         1000565,
+         {{"phase", "45"},
+          {"amplitude", "4"},
+          {"wavelength", "6.5"},
+          {"mix", "30"},
+          {"elliptical", "on"},
+          {"border_wrap", "1"}},
+         64},
+        {"lens", 1000561, {{"index", "1.75"}, {"border_wrap", "1"}}, 40},
+    };
+    int run = 0;
+    for (const Case& filter : cases)
+        for (const FileCase& file : kFiles) {
+            SCOPED_TRACE(std::string(filter.key) + " " + test::CaseName(file));
+            const Image image =
+                RandomImage({31, 22, file.components, file.type, file.alpha}, ++run);
+            const std::string in = input("in" + std::string(file.extension), image);
+            const std::string out = path("out" + std::string(file.extension)).string();
+            const std::string preset = path("distort.preset").string();
+            std::vector<std::string> args{filter.key, in, out, "--save-preset", preset};
+            for (const GadgetChange& change : filter.changes) {
+                args.push_back("--set");
+                args.push_back(change.gadget + "=" + change.value);
+            }
+            const Image set = applied(args);
+            EXPECT_TRUE(Same(set, InProcessResult(filter.plugin_id, image, 128, filter.changes)));
+            EXPECT_FALSE(Same(set, image));
+
+            const std::string blob = ReadText(preset);
+            ASSERT_EQ(blob.size(), filter.blob_size);
+            const auto real = [&](std::size_t offset) {
+                double value = 0;
+                std::memcpy(&value, blob.data() + offset, sizeof value);
+                return value;
+            };
+            if (filter.blob_size == 64) {
+                EXPECT_EQ(real(24), 4.0);
+                EXPECT_NEAR(real(32), 45.0, 1e-5);
+                EXPECT_EQ(real(40), 6.5);
+                EXPECT_EQ(real(48), 0.3);
+                EXPECT_EQ(blob[56], 1);
+            } else {
+                EXPECT_EQ(real(32), 1.75);
+            }
+            EXPECT_EQ(blob[20], 2);  // wrap round, stored though never read back
+            // A preset starts the dialog from clamp, so the border is chosen again.
+            EXPECT_TRUE(
+                Same(applied({filter.key, in, out, "--preset", preset, "--border", "wrap"}), set));
+        }
+}
+
 }  // namespace
 }  // namespace bf::cli
