@@ -4,7 +4,9 @@
 
 #include "kpx_client.hpp"
 
+#include <emmintrin.h>
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstddef>
 #include <cstring>
@@ -146,12 +148,6 @@ int32_t Next(int32_t v) {
     return static_cast<int32_t>(static_cast<uint32_t>(v) + 1u);
 }
 
-double Blend(double p00, double p10, double p01, double p11, double u, double v) {
-    const double a = p00 + (p10 - p00) * u;
-    const double b = p01 + (p11 - p01) * u;
-    return a + (b - a) * v;
-}
-
 // trunc(value + 0.5) on an integer component; NaN gives 0.
 template <class T>
 T RoundHalfUp(double value) {
@@ -160,86 +156,159 @@ T RoundHalfUp(double value) {
     return static_cast<T>(static_cast<int32_t>(rounded));
 }
 
+// The four pixels around a bilinear position, p00, p10, p01, p11, and the
+// weights u and v; false when a read failed. The pointers go into the tile
+// when all four lie in the tile read first and none was folded, else into
+// `copies`.
 template <class T>
-int32_t Bilinear(PIXEL_ROOT* root, T* out, double x, double y) {
+bool Gather(PIXEL_ROOT& root, double x, double y, const T* (&p)[4],
+            T (&copies)[4][kMaxBlendComponents], double& u, double& v) {
     const double fx = x - 0.5;
     const double fy = y - 0.5;
     const double fx0 = std::floor(fx);
     const double fy0 = std::floor(fy);
-    const double u = fx - fx0;
-    const double v = fy - fy0;
+    u = fx - fx0;
+    v = fy - fy0;
     const int32_t x0 = Coordinate(fx0);
     const int32_t y0 = Coordinate(fy0);
     const int32_t x1 = Next(x0);
     const int32_t y1 = Next(y0);
 
-    const int32_t n = static_cast<int32_t>(std::min<uint32_t>(root->components, 8));
-    T p[4][kMaxBlendComponents];  // p00, p10, p01, p11
-    const std::size_t bytes = sizeof(T) * static_cast<std::size_t>(n);
-    const std::byte* first = Locate(*root, x0, y0);
-    if (!first) return 0;
-    const PixelTileNode& cell = *root->head.next;
+    const std::byte* first = Locate(root, x0, y0);
+    if (!first) return false;
+    const PixelTileNode& cell = *root.head.next;
     const auto in_cell = [](int32_t a, int32_t b, uint32_t c) {
         return (static_cast<uint32_t>(a) >> kCellShift) == c &&
                (static_cast<uint32_t>(b) >> kCellShift) == c;
     };
     if (in_cell(x0, x1, cell.cell_x) && in_cell(y0, y1, cell.cell_y)) {
-        // All four in the tile just read, and none of them folded: the same
-        // addresses the three reads would give, without the look-ups.
-        const int32_t stride = cell.tile->line_bytes;
-        std::memcpy(p[0], first, bytes);
-        std::memcpy(p[1], first + root->bytes_per_pixel, bytes);
-        std::memcpy(p[2], first + stride, bytes);
-        std::memcpy(p[3], first + stride + root->bytes_per_pixel, bytes);
-    } else {
-        // Each read may evict the tile of the one before, so copy as we go.
-        std::memcpy(p[0], first, bytes);
-        const int32_t xs[3] = {x1, x0, x1};
-        const int32_t ys[3] = {y0, y1, y1};
-        for (int i = 0; i < 3; ++i) {
-            const std::byte* pixel = Locate(*root, xs[i], ys[i]);
-            if (!pixel) return 0;
-            std::memcpy(p[i + 1], pixel, bytes);
-        }
+        // The same addresses the three reads would give, without the look-ups.
+        const std::byte* below = first + cell.tile->line_bytes;
+        p[0] = reinterpret_cast<const T*>(first);
+        p[1] = reinterpret_cast<const T*>(first + root.bytes_per_pixel);
+        p[2] = reinterpret_cast<const T*>(below);
+        p[3] = reinterpret_cast<const T*>(below + root.bytes_per_pixel);
+        return true;
     }
+    // Each read may evict the tile of the one before, so copy as we go.
+    const std::size_t bytes = sizeof(T) * std::min<uint32_t>(root.components, 8);
+    std::memcpy(copies[0], first, bytes);
+    const int32_t xs[3] = {x1, x0, x1};
+    const int32_t ys[3] = {y0, y1, y1};
+    for (int i = 0; i < 3; ++i) {
+        const std::byte* pixel = Locate(root, xs[i], ys[i]);
+        if (!pixel) return false;
+        std::memcpy(copies[i + 1], pixel, bytes);
+    }
+    for (int i = 0; i < 4; ++i) p[i] = copies[i];
+    return true;
+}
 
+// An 8-bit alpha as a fraction of 255, the same quotient the division gives.
+constexpr std::array<double, 256> kByteWeights = [] {
+    std::array<double, 256> weights{};
+    for (int a = 0; a < 256; ++a) weights[a] = a / 255.0;
+    return weights;
+}();
+
+// Components c and c + 1 of a pixel as two doubles (the second 0 past the
+// last of N).
+template <class T, int32_t N>
+__m128d LanePair(const T* pixel, int32_t c) {
+    if (c + 1 < N) return _mm_set_pd(double(pixel[c + 1]), double(pixel[c]));
+    return _mm_set_sd(double(pixel[c]));
+}
+
+// The blend of the N components of the four pixels, two components at a
+// time; each lane takes exactly the steps of the blend written for one value
+// (a = p00 + (p10 - p00)u, b = p01 + (p11 - p01)u, a + (b - a)v).
+template <class T, int32_t N>
+void BlendPixels(const T* const (&p)[4], T* out, double u, double v, bool alpha) {
+    static_assert(N >= 1 && N <= kMaxBlendComponents);
     constexpr bool kFloat = std::is_floating_point_v<T>;
     constexpr double kMax = kFloat ? 1.0 : double(std::numeric_limits<T>::max());
+    constexpr int32_t kPairs = (N + 1) / 2;
+    const __m128d across = _mm_set1_pd(u);
+    const __m128d down = _mm_set1_pd(v);
+
+    // With alpha first, colours are blended premultiplied by their pixel's
+    // alpha (as a fraction of the maximum for integers); alpha itself has
+    // weight 1, which changes nothing.
+    __m128d weights[4][2];
+    for (int i = 0; i < 4; ++i) {
+        double weight = 1.0;
+        if (alpha) {
+            if constexpr (std::is_same_v<T, uint8_t>)
+                weight = kByteWeights[p[i][0]];
+            else
+                weight = kFloat ? double(p[i][0]) : p[i][0] / kMax;
+        }
+        weights[i][0] = _mm_set_pd(weight, 1.0);
+        weights[i][1] = _mm_set1_pd(weight);
+    }
+    double blended[2 * kPairs];
+    for (int32_t k = 0; k < kPairs; ++k) {
+        __m128d q[4];
+        for (int i = 0; i < 4; ++i) {
+            q[i] = LanePair<T, N>(p[i], 2 * k);
+            if (alpha) q[i] = _mm_mul_pd(q[i], weights[i][k == 0 ? 0 : 1]);
+        }
+        const __m128d a = _mm_add_pd(q[0], _mm_mul_pd(_mm_sub_pd(q[1], q[0]), across));
+        const __m128d b = _mm_add_pd(q[2], _mm_mul_pd(_mm_sub_pd(q[3], q[2]), across));
+        _mm_storeu_pd(blended + 2 * k, _mm_add_pd(a, _mm_mul_pd(_mm_sub_pd(b, a), down)));
+    }
+
     const auto store = [](double value) {
         if constexpr (kFloat)
             return static_cast<T>(value);
         else
             return RoundHalfUp<T>(value);
     };
-    if (!(root->pixel_flags & KPX_PIXEL_ALPHA)) {
-        for (int32_t c = 0; c < n; ++c)
-            out[c] = store(Blend(p[0][c], p[1][c], p[2][c], p[3][c], u, v));
-        return 1;
+    if (!alpha) {
+        for (int32_t c = 0; c < N; ++c) out[c] = store(blended[c]);
+        return;
     }
-    if (n == 0) return 1;
-
-    // Alpha first: colours are blended premultiplied by their pixel's alpha,
-    // then divided by the blended alpha (by 1 where that is 0).
-    const double alpha = Blend(p[0][0], p[1][0], p[2][0], p[3][0], u, v);
-    out[0] = store(alpha);
-    double weight[4];
-    for (int i = 0; i < 4; ++i) weight[i] = kFloat ? double(p[i][0]) : p[i][0] / kMax;
-    double total = kFloat ? alpha : alpha / kMax;
+    // Colours are divided by the blended alpha's weight, or by 1 where that
+    // is 0; integers are clamped to their range, floats below 0 only.
+    out[0] = store(blended[0]);
+    double total = kFloat ? blended[0] : blended[0] / kMax;
     if (total == 0) total = 1.0;
-    for (int32_t c = 1; c < n; ++c) {
-        const double result = Blend(p[0][c] * weight[0], p[1][c] * weight[1], p[2][c] * weight[2],
-                                    p[3][c] * weight[3], u, v) /
-                              total;
+    double result[2 * kPairs];
+    const __m128d divisor = _mm_set1_pd(total);
+    for (int32_t k = 0; k < kPairs; ++k)
+        _mm_storeu_pd(result + 2 * k, _mm_div_pd(_mm_loadu_pd(blended + 2 * k), divisor));
+    for (int32_t c = 1; c < N; ++c) {
         if constexpr (kFloat) {
-            out[c] = result < 0 ? 0.0f : static_cast<float>(result);  // no upper bound
+            out[c] = result[c] < 0 ? 0.0f : static_cast<float>(result[c]);  // no upper bound
         } else {
-            if (result < 0)
+            if (result[c] < 0)
                 out[c] = 0;
-            else if (result > kMax)
+            else if (result[c] > kMax)
                 out[c] = static_cast<T>(kMax);
             else
-                out[c] = RoundHalfUp<T>(result);
+                out[c] = RoundHalfUp<T>(result[c]);
         }
+    }
+}
+
+template <class T>
+int32_t Bilinear(PIXEL_ROOT* root, T* out, double x, double y) {
+    const T* p[4];
+    T copies[4][kMaxBlendComponents];
+    double u = 0;
+    double v = 0;
+    if (!Gather(*root, x, y, p, copies, u, v)) return 0;
+    const bool alpha = (root->pixel_flags & KPX_PIXEL_ALPHA) != 0;
+    switch (std::min<uint32_t>(root->components, kMaxBlendComponents)) {
+        case 0: break;
+        case 1: BlendPixels<T, 1>(p, out, u, v, alpha); break;
+        case 2: BlendPixels<T, 2>(p, out, u, v, alpha); break;
+        case 3: BlendPixels<T, 3>(p, out, u, v, alpha); break;
+        case 4: BlendPixels<T, 4>(p, out, u, v, alpha); break;
+        case 5: BlendPixels<T, 5>(p, out, u, v, alpha); break;
+        case 6: BlendPixels<T, 6>(p, out, u, v, alpha); break;
+        case 7: BlendPixels<T, 7>(p, out, u, v, alpha); break;
+        default: BlendPixels<T, 8>(p, out, u, v, alpha); break;
     }
     return 1;
 }
