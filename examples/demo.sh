@@ -20,6 +20,8 @@ settings() {
                       matrix_6=0  matrix_7=1  matrix_8=2" ;;  # a relief
     pixelize)   echo "cell_size=12" ;;
     waves)      echo "amplitude=6 wavelength=10" ;;
+    motionblur) echo "length=40 angle=20" ;;
+    radialblur) echo "angle=30" ;;
     sharpen)    echo "kernel=1" ;;                            # eight neighbours
     spread)     echo "horizontal=8" ;;                        # the vertical spread follows
     details)    echo "kernel=2 strength=100" ;;               # 7 x 7

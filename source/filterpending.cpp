@@ -32,11 +32,6 @@ bool RegisterDeinterlace() {
     return RegisterFilter(FilterRowOf("deinterlace"));
 }
 
-constexpr BitmapFilterDescriptor kMotionBlurFilter = PendingRecord("motionblur");
-bool RegisterMotionBlur() {
-    return RegisterFilter(FilterRowOf("motionblur"));
-}
-
 constexpr BitmapFilterDescriptor kWhirlFilter = PendingRecord("whirl");
 bool RegisterWhirl() {
     return RegisterFilter(FilterRowOf("whirl"));
@@ -45,11 +40,6 @@ bool RegisterWhirl() {
 constexpr BitmapFilterDescriptor kOilifyFilter = PendingRecord("oilify");
 bool RegisterOilify() {
     return RegisterFilter(FilterRowOf("oilify"));
-}
-
-constexpr BitmapFilterDescriptor kRadialBlurFilter = PendingRecord("radialblur");
-bool RegisterRadialBlur() {
-    return RegisterFilter(FilterRowOf("radialblur"));
 }
 
 constexpr BitmapFilterDescriptor kGaussFilter = PendingRecord("gauss");
