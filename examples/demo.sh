@@ -27,6 +27,7 @@ settings() {
     details)    echo "kernel=2 strength=100" ;;               # 7 x 7
     structures) echo "kernel=11" ;;                           # its vertical lines alone
     threshold)  echo "levels=4" ;;
+    despeckle)  echo "radius=3 output=100 feedback=50" ;;     # a painterly clean-up
     esac
 }
 

@@ -15,8 +15,10 @@
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <optional>
 #include <span>
 #include <type_traits>
+#include <utility>
 
 namespace bfm {
 
@@ -191,6 +193,100 @@ int32_t ApplyLinewise(BM_INFO* info, uint32_t extra, LineFn&& line) {
     tile.release(status == KPX_OK);
     return status;
 }
+
+// ---- the row workers' frame ----------------------------------------------------------------
+// Noise, Despeckle and Oilify walk their area row by row: each row is written
+// through a destination line fetcher (preset to the preview's tile when there
+// is one) and read through a source line fetcher or a pixel root.
+
+// A line fetcher that is freed in discard mode unless Free says otherwise.
+class FetcherLease {
+public:
+    explicit FetcherLease(kpx::LineFetcher* fetcher = nullptr) : fetcher_(fetcher) {}
+    FetcherLease(const FetcherLease&) = delete;
+    FetcherLease& operator=(const FetcherLease&) = delete;
+    ~FetcherLease() { Free(true); }
+
+    explicit operator bool() const { return fetcher_ != nullptr; }
+    kpx::LineFetcher* get() const { return fetcher_; }
+    void Free(bool discard) { kpx::FreeLineFetcher(std::exchange(fetcher_, nullptr), discard); }
+
+private:
+    kpx::LineFetcher* fetcher_;
+};
+
+// What a row worker works with. A final run (no preview tile) shows its
+// progress; a run on a thread stops when the thread is asked to.
+struct RowRun {
+    BM_INFO* info;
+    RECT32 area;
+    int32_t components;        // per pixel, alpha included
+    bool alpha;                // the first component is alpha
+    kpx::LineFetcher* source;  // null for a filter that reads through a pixel root
+    kpx::LineFetcher* dest;
+    BaseThread* thread;
+    const kpx::Progress* progress;  // null in a preview
+
+    bool Stopped() const { return thread && kpx::TestBreak(thread); }
+    // Row y of the area done out of all of them.
+    void Report(int32_t y) const {
+        if (progress) progress->Set(y - area.y1 + 1, area.y2 - area.y1);
+    }
+};
+
+// Runs `rows(TypeTag<T>{}, run)` over `area` (the info's area when null) with
+// a destination fetcher (access 514, preset to `tile` when given) and, for a
+// non-zero `source_access`, a source fetcher over the same columns; both pass
+// `border_mode` to the host. 2 when a fetcher cannot be made or the component
+// type is not supported; otherwise the worker's status, with the fetchers
+// freed in discard mode unless it is 0, so nothing of a failed run is written.
+template <class Rows>
+int32_t ApplyRows(BM_INFO* info, const RECT32* area, BM_TILE* tile, BaseThread* thread,
+                  uint32_t border_mode, uint32_t source_access, Rows&& rows) {
+    RECT32 work = area ? *area : info->area;
+    if (tile) {  // a preview never reaches outside its tile
+        work.x1 = std::max(work.x1, tile->rect.x1);
+        work.y1 = std::max(work.y1, tile->rect.y1);
+        work.x2 = std::min(work.x2, tile->rect.x2);
+        work.y2 = std::min(work.y2, tile->rect.y2);
+    }
+    const FetcherLease source(
+        source_access == 0 ? nullptr
+                           : kpx::CreateLineFetcher(info, work.x1, work.x2, border_mode,
+                                                    source_access, nullptr, kpx::kFetchNotify));
+    if (source_access != 0 && !source) return KPX_WORKER_STOPPED;
+    FetcherLease dest(kpx::CreateLineFetcher(info, work.x1, work.x2, border_mode, KPX_TILE_WRITE,
+                                             tile, kpx::kFetchNotify));
+    if (!dest) return KPX_WORKER_STOPPED;
+    const kpx::String caption = LoadResourceString(kProgressCaption);
+    const int32_t status = WithComponentType(
+        info->colour_mode,
+        [&]<class T>(TypeTag<T> type) -> int32_t {
+            std::optional<kpx::Progress> progress;
+            if (!tile) progress.emplace(info, caption);
+            const RowRun run{info,
+                             work,
+                             static_cast<int32_t>(KPX_MODE_COMPONENTS(info->colour_mode)),
+                             (info->pixel_flags & KPX_PIXEL_ALPHA) != 0,
+                             source.get(),
+                             dest.get(),
+                             thread,
+                             progress ? &*progress : nullptr};
+            return rows(type, run);
+        },
+        [] { return KPX_WORKER_STOPPED; });
+    dest.Free(status != KPX_OK);
+    return status;  // the source goes back unwritten whatever happened
+}
+
+// The row workers' apply routines, as Execute and the dialog's previews run
+// them (the tests reach the preview and thread paths through them).
+int32_t ApplyNoise(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings, int32_t notify,
+                   BaseThread* thread);
+int32_t ApplyDespeckle(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
+                       int32_t notify, BaseThread* thread);
+int32_t ApplyOilify(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
+                    int32_t notify, BaseThread* thread);
 
 // ---- the tiled apply frame ---------------------------------------------------------------
 

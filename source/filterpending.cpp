@@ -57,11 +57,6 @@ bool RegisterTextureMap() {
     return RegisterFilter(FilterRowOf("texturemap"));
 }
 
-constexpr BitmapFilterDescriptor kDespeckleFilter = PendingRecord("despeckle");
-bool RegisterDespeckle() {
-    return RegisterFilter(FilterRowOf("despeckle"));
-}
-
 constexpr BitmapFilterDescriptor kUnsharpFilter = PendingRecord("unsharp");
 bool RegisterUnsharp() {
     return RegisterFilter(FilterRowOf("unsharp"));
