@@ -28,6 +28,7 @@ settings() {
     structures) echo "kernel=11" ;;                           # its vertical lines alone
     threshold)  echo "levels=4" ;;
     despeckle)  echo "radius=3 output=100 feedback=50" ;;     # a painterly clean-up
+    noise)      echo "amount=25" ;;
     esac
 }
 

@@ -189,6 +189,7 @@ void FilterDialog::ChangeField(const SettingsField& field) {
     } else if (IsRealKind(gadget.kind)) {
         if (!GetReal(gadget.id, value)) return;
         value *= UnscaleOf(gadget);
+        if (gadget.single) value = static_cast<float>(value);
     } else {
         int32_t index = 0;
         if (!GetInt(gadget.id, index)) return;

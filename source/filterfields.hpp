@@ -66,6 +66,9 @@ struct Gadget {
     double scale = 0;
     double unscale = 0;
     LinkFn link = nullptr;  // called after every change the gadget makes
+    // A value read back is rounded to single precision (and widened again)
+    // before it is compared with the field and stored.
+    bool single = false;
 };
 
 // One field of a settings record and its gadget. Values are held as double,

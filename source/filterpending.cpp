@@ -47,11 +47,6 @@ bool RegisterGauss() {
     return RegisterFilter(FilterRowOf("gauss"));
 }
 
-constexpr BitmapFilterDescriptor kNoiseFilter = PendingRecord("noise");
-bool RegisterNoise() {
-    return RegisterFilter(FilterRowOf("noise"));
-}
-
 constexpr BitmapFilterDescriptor kTextureMapFilter = PendingRecord("texturemap");
 bool RegisterTextureMap() {
     return RegisterFilter(FilterRowOf("texturemap"));
