@@ -29,6 +29,7 @@ settings() {
     threshold)  echo "levels=4" ;;
     despeckle)  echo "radius=3 output=100 feedback=50" ;;     # a painterly clean-up
     noise)      echo "amount=25" ;;
+    oilify)     echo "brush=7" ;;
     esac
 }
 

@@ -37,11 +37,6 @@ bool RegisterWhirl() {
     return RegisterFilter(FilterRowOf("whirl"));
 }
 
-constexpr BitmapFilterDescriptor kOilifyFilter = PendingRecord("oilify");
-bool RegisterOilify() {
-    return RegisterFilter(FilterRowOf("oilify"));
-}
-
 constexpr BitmapFilterDescriptor kGaussFilter = PendingRecord("gauss");
 bool RegisterGauss() {
     return RegisterFilter(FilterRowOf("gauss"));

@@ -93,6 +93,10 @@ TEST_F(CliNoise, DespeckleGivesWhatTheModuleGivesOnEveryFileType) {
         {"despeckle", 1000573, {{"radius", "3"}, {"output", "90"}, {"feedback", "60"}}});
 }
 
+TEST_F(CliNoise, OilifyGivesWhatTheModuleGivesOnEveryFileType) {
+    ExpectSameAsInProcess({"oilify", 1000563, {{"brush", "4"}}});
+}
+
 // Noise goes on from the generator's state, so the command's values cannot be
 // replayed here: on a flat image its offsets must have the mean and spread of
 // the amount typed (percent), equal per pixel in monochrome, alpha untouched;
