@@ -177,6 +177,26 @@ TYPED_TEST(DespecklePixels, TheFractionsAtTheirEnds) {
     EXPECT_EQ(recursive.image().pixels, Reference<T>(before, whole, {2, 1.0f, 1.0f}).pixels);
 }
 
+// Radius 1 and 2 go many rows at a time: tall areas take several bands and a
+// last partial one, and an area narrower than the neighbourhood has every
+// pixel cut by a side.
+TYPED_TEST(DespecklePixels, TallAndNarrowAreas) {
+    using T = TypeParam;
+    const Image before = bf::test::RandomImage({21, 45, 3, kTypeOf<T>, false}, 50);
+    const RECT32 areas[] = {{0, 0, 21, 45}, {3, 2, 19, 41}, {8, 1, 10, 44}, {5, 4, 6, 30}};
+    for (uint32_t radius : {1u, 2u})
+        for (const RECT32& area : areas) {
+            SCOPED_TRACE("radius " + std::to_string(radius) + " area " + std::to_string(area.x1) +
+                         "," + std::to_string(area.y1) + "," + std::to_string(area.x2) + "," +
+                         std::to_string(area.y2));
+            const Params p{radius, 0.75f, 0.5f, radius == 2};
+            Document document(before, 8, 4);
+            document.set_area(area);
+            ASSERT_EQ(Apply(document, p), KPX_OK);
+            EXPECT_EQ(document.image().pixels, Reference<T>(before, area, p).pixels);
+        }
+}
+
 // ---- the recursion and the arithmetic, worked by hand ------------------------------------
 
 // One row 10, 200, 10 at radius 1 (the rows above and below repeat it). At
