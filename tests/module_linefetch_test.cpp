@@ -1,5 +1,6 @@
 // The line and column fetchers against our host (strip caching, write-back,
-// refused resources) and the alpha premultiplication of 8-bit lines.
+// refused resources) and the alpha routines: multiplying colour by alpha and
+// dividing it again.
 #include "kpx_preview/linefetchutil.hpp"
 #include "module_support.hpp"
 #include "runtime.hpp"
@@ -7,10 +8,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <random>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace {
@@ -262,6 +265,110 @@ TEST(PremultiplyLine, MatchesTheFormulaOnBothPaths) {
         kpx::PremultiplyLine(pixels.data(), count - 1, components, stride);
         EXPECT_EQ(pixels, expected) << components << " components";
     }
+}
+
+// ---- the 16-bit, float and dividing companions ------------------------------------
+
+template <class T>
+std::vector<T> RandomPixels(int count, int components, uint32_t seed) {
+    std::mt19937 random(seed);
+    std::vector<T> pixels(std::size_t(count) * components);
+    for (T& v : pixels) {
+        if constexpr (std::is_floating_point_v<T>)
+            v = float(random() % 10001) / 10000;
+        else
+            v = T(random());
+    }
+    return pixels;
+}
+
+// 16 bits mirror the 8-bit formula with their own half and bias; floats
+// multiply; opaque pixels are skipped.
+TEST(AlphaLines, SixteenBitsAndFloatsMultiplyAsEightBitsDo) {
+    std::vector<uint16_t> u16 = RandomPixels<uint16_t>(300, 4, 1);
+    u16[0] = 65535;  // opaque
+    u16[4] = 0;      // clear
+    u16[8] = 32768;
+    u16[9] = 65535;
+    std::vector<uint16_t> expected = u16;
+    for (std::size_t p = 0; p < expected.size(); p += 4)
+        for (int c = 1; c < 4; ++c) {
+            const uint64_t t = uint64_t(expected[p + c]) * expected[p];
+            expected[p + c] = uint16_t((t + ((t + 32768) >> 16) + 32769) >> 16);
+        }
+    kpx::PremultiplyLine16(u16.data(), 300, 4, 8);
+    EXPECT_EQ(u16, expected);
+    EXPECT_EQ(u16[9], 32768);  // full colour at half alpha is half
+    for (int c = 1; c < 4; ++c) EXPECT_EQ(u16[4 + c], 0);
+
+    std::vector<float> f = RandomPixels<float>(100, 3, 2);
+    f[0] = 1.0f;
+    f[1] = 1.7f;  // outside the nominal range, and opaque: untouched
+    std::vector<float> want = f;
+    for (std::size_t p = 0; p < want.size(); p += 3)
+        for (int c = 1; c < 3; ++c) want[p + c] = want[p + c] * want[p];
+    kpx::PremultiplyLineFloat(f.data(), 100, 3, 12);
+    EXPECT_EQ(f, want);
+}
+
+// Dividing rounds to the nearest integer (halves up) and clamps; alpha 0
+// keeps its colours; floats divide only by more alpha than the tolerance.
+TEST(AlphaLines, DividingRoundsHalfUpAndKeepsClearPixels) {
+    std::vector<uint8_t> u8 = RandomPixels<uint8_t>(400, 2, 3);
+    u8[0] = 0;
+    u8[1] = 77;  // clear: kept
+    u8[2] = 2;
+    u8[3] = 1;  // 255 / 2 = 127.5: 128
+    u8[4] = 10;
+    u8[5] = 200;  // far above its alpha: clamped
+    std::vector<uint8_t> expected = u8;
+    for (std::size_t p = 0; p < expected.size(); p += 2)
+        if (expected[p] != 0)
+            expected[p + 1] =
+                uint8_t(std::min(255, (expected[p + 1] * 255 + expected[p] / 2) / expected[p]));
+    kpx::UnpremultiplyLine(u8.data(), 400, 2, 2);
+    EXPECT_EQ(u8, expected);
+    EXPECT_EQ(u8[1], 77);
+    EXPECT_EQ(u8[3], 128);
+    EXPECT_EQ(u8[5], 255);
+
+    std::vector<uint16_t> u16 = RandomPixels<uint16_t>(400, 3, 4);
+    u16[0] = 1;  // the largest quotients
+    std::vector<uint16_t> want16 = u16;
+    for (std::size_t p = 0; p < want16.size(); p += 3)
+        for (int c = 1; c < 3 && want16[p] != 0; ++c)
+            want16[p + c] = uint16_t(std::min<uint64_t>(
+                65535, (uint64_t(want16[p + c]) * 65535 + want16[p] / 2) / want16[p]));
+    kpx::UnpremultiplyLine16(u16.data(), 400, 3, 6);
+    EXPECT_EQ(u16, want16);
+
+    std::vector<float> f = {0.5f, 0.25f, 1e-7f, 0.3f, -0.5f, 0.2f, 2e-6f, 1e-6f};
+    kpx::UnpremultiplyLineFloat(f.data(), 4, 2, 8, 1e-6f);
+    EXPECT_EQ(f, (std::vector<float>{0.5f, 0.5f, 1e-7f, 0.3f, -0.5f, 0.2f, 2e-6f, 0.5f}));
+}
+
+// Multiplied and divided again, an opaque image is what it was, in each type.
+TEST(AlphaLines, AnOpaqueImageSurvivesTheRoundTrip) {
+    std::vector<uint8_t> u8 = RandomPixels<uint8_t>(500, 4, 5);
+    std::vector<uint16_t> u16 = RandomPixels<uint16_t>(500, 4, 6);
+    std::vector<float> f = RandomPixels<float>(500, 4, 7);
+    for (std::size_t p = 0; p < 2000; p += 4) {
+        u8[p] = 255;
+        u16[p] = 65535;
+        f[p] = 1.0f;
+    }
+    const auto u8_before = u8;
+    const auto u16_before = u16;
+    const auto f_before = f;
+    kpx::PremultiplyLine(u8.data(), 500, 4, 4);
+    kpx::UnpremultiplyLine(u8.data(), 500, 4, 4);
+    kpx::PremultiplyLine16(u16.data(), 500, 4, 8);
+    kpx::UnpremultiplyLine16(u16.data(), 500, 4, 8);
+    kpx::PremultiplyLineFloat(f.data(), 500, 4, 16);
+    kpx::UnpremultiplyLineFloat(f.data(), 500, 4, 16, 1e-6f);
+    EXPECT_EQ(u8, u8_before);
+    EXPECT_EQ(u16, u16_before);
+    EXPECT_EQ(f, f_before);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// linefetchutil.cpp - the row and column fetchers and alpha premultiplication.
+// linefetchutil.cpp - the row and column fetchers and the alpha routines.
 //
 // Both fetcher forms share one record and one strip list; they differ only in
 // the axis a strip runs along. `first`/`end` of a node are rows for the row
@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <limits>
 
 namespace kpx {
 
@@ -197,7 +198,7 @@ void FreeColumnFetcher(LineFetcher* fetcher, uint8_t discard) {
     Free(fetcher, discard);
 }
 
-// ---- alpha premultiplication ---------------------------------------------------
+// ---- alpha ---------------------------------------------------
 
 namespace {
 
@@ -219,20 +220,111 @@ void Premultiply16(uint8_t* colour, uint16_t alpha) {
     }
 }
 
+// Calls colours(alpha, first colour) for every pixel that is not opaque.
+template <class T, class Colours>
+void ForEachTranslucent(T* pixels, int32_t count, int32_t pixel_stride, T opaque,
+                        Colours&& colours) {
+    auto* bytes = reinterpret_cast<std::byte*>(pixels);
+    for (int32_t n = 0; n < count; ++n) {
+        T* pixel = reinterpret_cast<T*>(bytes + static_cast<ptrdiff_t>(n) * pixel_stride);
+        if (pixel[0] != opaque) colours(pixel[0], pixel + 1);
+    }
+}
+
+// For 8 bits, n / a for n < 2^16 is (n × ceil(2^24 / a)) >> 24: the
+// multiplier's excess adds less than n / 2^24 < 1/256 < 1/a, less than what
+// separates n / a from the next integer when it is not one.
+struct Reciprocals {
+    uint32_t of[256];
+};
+constexpr Reciprocals kReciprocals = [] {
+    Reciprocals r{};
+    for (uint32_t a = 1; a < 256; ++a) r.of[a] = ((1u << 24) + a - 1) / a;
+    return r;
+}();
+
+constexpr uint32_t Quotient8(uint32_t n, uint32_t a) {
+    return static_cast<uint32_t>((uint64_t{n} * kReciprocals.of[a]) >> 24);
+}
+
+constexpr bool QuotientsExact() {
+    for (uint32_t a = 1; a < 256; ++a)
+        for (uint32_t c = 0; c < 256; ++c) {
+            const uint32_t n = c * 255 + a / 2;
+            if (Quotient8(n, a) != n / a) return false;
+        }
+    return true;
+}
+static_assert(QuotientsExact());
+
+// c × max / a rounded half up, at most max; a > 0. At 16 bits the numerator
+// stays below 2^32, so the double quotient truncates to the integer one.
+template <class T>
+T Unpremultiplied(T colour, T alpha) {
+    constexpr uint32_t kMax = std::numeric_limits<T>::max();
+    const uint32_t n = colour * kMax + alpha / 2u;
+    uint32_t value;
+    if constexpr (sizeof(T) == 1)
+        value = Quotient8(n, alpha);
+    else
+        value = static_cast<uint32_t>(static_cast<double>(n) / alpha);
+    return static_cast<T>(std::min(value, kMax));
+}
+
+template <class T>
+void UnpremultiplyInteger(T* pixels, int32_t count, int32_t components, int32_t pixel_stride) {
+    ForEachTranslucent(pixels, count, pixel_stride, std::numeric_limits<T>::max(),
+                       [&](T alpha, T* colour) {
+                           if (alpha == 0) return;  // no colour to recover: kept as it is
+                           for (int32_t c = 1; c < components; ++c, ++colour)
+                               *colour = Unpremultiplied(*colour, alpha);
+                       });
+}
+
 }  // namespace
 
 void PremultiplyLine(uint8_t* pixels, int32_t count, int32_t components, int32_t pixel_stride) {
-    const int32_t colours = components - 1;
-    for (int32_t n = 0; n < count; ++n) {
-        uint8_t* pixel = pixels + static_cast<ptrdiff_t>(n) * pixel_stride;
-        const uint8_t alpha = pixel[0];
-        if (alpha == 255) continue;  // opaque pixels are left untouched
-        uint8_t* colour = pixel + 1;
-        int32_t left = colours;
-        for (; left >= 16; left -= 16, colour += 16) Premultiply16(colour, alpha);
-        for (; left > 0; --left, ++colour)
-            *colour = static_cast<uint8_t>(Premultiply(*colour, alpha));
-    }
+    ForEachTranslucent(pixels, count, pixel_stride, uint8_t{255},
+                       [&](uint8_t alpha, uint8_t* colour) {
+                           int32_t left = components - 1;
+                           for (; left >= 16; left -= 16, colour += 16)
+                               Premultiply16(colour, alpha);
+                           for (; left > 0; --left, ++colour)
+                               *colour = static_cast<uint8_t>(Premultiply(*colour, alpha));
+                       });
+}
+
+void PremultiplyLine16(uint16_t* pixels, int32_t count, int32_t components, int32_t pixel_stride) {
+    ForEachTranslucent(
+        pixels, count, pixel_stride, uint16_t{65535}, [&](uint16_t alpha, uint16_t* colour) {
+            for (int32_t c = 1; c < components; ++c, ++colour) {
+                const uint64_t t = uint64_t{*colour} * alpha;
+                *colour = static_cast<uint16_t>((t + ((t + 32768) >> 16) + 32769) >> 16);
+            }
+        });
+}
+
+void PremultiplyLineFloat(float* pixels, int32_t count, int32_t components, int32_t pixel_stride) {
+    ForEachTranslucent(pixels, count, pixel_stride, 1.0f, [&](float alpha, float* colour) {
+        for (int32_t c = 1; c < components; ++c, ++colour) *colour *= alpha;
+    });
+}
+
+void UnpremultiplyLine(uint8_t* pixels, int32_t count, int32_t components, int32_t pixel_stride) {
+    UnpremultiplyInteger(pixels, count, components, pixel_stride);
+}
+
+void UnpremultiplyLine16(uint16_t* pixels, int32_t count, int32_t components,
+                         int32_t pixel_stride) {
+    UnpremultiplyInteger(pixels, count, components, pixel_stride);
+}
+
+void UnpremultiplyLineFloat(float* pixels, int32_t count, int32_t components, int32_t pixel_stride,
+                            float tolerance) {
+    ForEachTranslucent(pixels, count, pixel_stride, 1.0f, [&](float alpha, float* colour) {
+        if (!(alpha > tolerance)) return;  // too little alpha to divide by
+        for (int32_t c = 1; c < components; ++c, ++colour) *colour /= alpha;
+    });
 }
 
 }  // namespace kpx

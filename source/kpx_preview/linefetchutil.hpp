@@ -35,8 +35,28 @@ void* FetchColumn(LineFetcher* fetcher, int32_t x, int32_t* stride);
 void ReleaseColumn(LineFetcher* fetcher, int32_t x);
 void FreeColumnFetcher(LineFetcher* fetcher, uint8_t discard);
 
-// Multiplies the colour bytes of `count` 8-bit pixels (alpha first) by their
-// alpha, in place; pixels are `pixel_stride` bytes apart.
+// ---- alpha ---------------------------------------------------------------------
+// Each routine works in place on `count` pixels whose first component is
+// alpha; pixels are `pixel_stride` bytes apart (a column's pixels are a row
+// apart). A non-positive count does nothing, and an opaque pixel (alpha at
+// the maximum) is left untouched.
+
+// Multiplies the colour bytes of 8-bit pixels by their alpha: with t = c × a,
+// c becomes (t + ((t + 128) >> 8) + 129) >> 8.
 void PremultiplyLine(uint8_t* pixels, int32_t count, int32_t components, int32_t pixel_stride);
+// The same at 16 bits: t = c × a, c becomes (t + ((t + 32768) >> 16) + 32769) >> 16.
+void PremultiplyLine16(uint16_t* pixels, int32_t count, int32_t components, int32_t pixel_stride);
+// c × a in single precision.
+void PremultiplyLineFloat(float* pixels, int32_t count, int32_t components, int32_t pixel_stride);
+
+// Divides the colours by their alpha again, rounded to the nearest integer
+// (halves up) and clamped to the maximum: c becomes min(max, (c × max + a / 2) / a)
+// in integers. A pixel with alpha 0 keeps its colours.
+void UnpremultiplyLine(uint8_t* pixels, int32_t count, int32_t components, int32_t pixel_stride);
+void UnpremultiplyLine16(uint16_t* pixels, int32_t count, int32_t components, int32_t pixel_stride);
+// c / a in single precision, not clamped; a pixel whose alpha is not above
+// `tolerance` keeps its colours.
+void UnpremultiplyLineFloat(float* pixels, int32_t count, int32_t components, int32_t pixel_stride,
+                            float tolerance);
 
 }  // namespace kpx
