@@ -37,11 +37,6 @@ bool RegisterWhirl() {
     return RegisterFilter(FilterRowOf("whirl"));
 }
 
-constexpr BitmapFilterDescriptor kGaussFilter = PendingRecord("gauss");
-bool RegisterGauss() {
-    return RegisterFilter(FilterRowOf("gauss"));
-}
-
 constexpr BitmapFilterDescriptor kTextureMapFilter = PendingRecord("texturemap");
 bool RegisterTextureMap() {
     return RegisterFilter(FilterRowOf("texturemap"));

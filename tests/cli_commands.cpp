@@ -205,8 +205,8 @@ TEST_F(CliFailure, BadCommandLinesAndFiles) {
                    "PNG files hold u8 or u16 components, not float");
     expect_failure({"apply", "invert", in_, path("out.gif").string()}, 2, "unsupported file type");
     expect_failure({"apply", "invert", in_, path("none/out.tif").string()}, 2, "cannot write");
-    expect_failure({"apply", "gauss", in_, out_, "--save-preset", path("p").string()}, 3,
-                   "filter 'gauss' is not available yet");
+    expect_failure({"apply", "levels", in_, out_, "--save-preset", path("p").string()}, 3,
+                   "filter 'levels' is not available yet");
 }
 
 TEST_F(CliFailure, PresetOfAnotherFilterOrDamaged) {

@@ -123,7 +123,7 @@ TEST_F(CliFailure, DialogMistakesExit2WithTheGadgetNames) {
                    "filter 'invert' has no settings dialog");
     expect_failure({"describe", "gamma", "--set", "gamma=2"}, 2, "belong to apply");
     expect_failure({"describe"}, 2, "describe wants one FILTER");
-    expect_failure({"describe", "gauss"}, 3, "filter 'gauss' is not available yet");
+    expect_failure({"describe", "levels"}, 3, "filter 'levels' is not available yet");
 }
 
 TEST_F(CliDialog, DescribeGammaListsEveryGadget) {
