@@ -66,10 +66,10 @@ void Radii(benchmark::internal::Benchmark* b, int small, int large) {
     bench::WholeImage(b);
     b->Iterations(2);
 }
-void GaussRadii(benchmark::internal::Benchmark* b) {
+void WideRadii(benchmark::internal::Benchmark* b) {
     Radii(b, 10, 100);
 }
-[[maybe_unused]] void UnsharpRadii(benchmark::internal::Benchmark* b) {
+void NarrowRadii(benchmark::internal::Benchmark* b) {
     Radii(b, 2, 10);
 }
 
@@ -120,6 +120,12 @@ void BM_BoxLanes(benchmark::State& state) {
 
 BENCHMARK(BM_GaussLanes)->Arg(512)->Arg(4096)->UseRealTime();
 BENCHMARK(BM_BoxLanes)->Arg(4096)->UseRealTime();
-BENCHMARK_CAPTURE(BM_Blur, gauss_u8, kGaussId, bf::ComponentType::U8)->Apply(GaussRadii);
-BENCHMARK_CAPTURE(BM_Blur, gauss_u16, kGaussId, bf::ComponentType::U16)->Apply(GaussRadii);
-BENCHMARK_CAPTURE(BM_Blur, gauss_float, kGaussId, bf::ComponentType::F32)->Apply(GaussRadii);
+BENCHMARK_CAPTURE(BM_Blur, gauss_u8, kGaussId, bf::ComponentType::U8)->Apply(WideRadii);
+BENCHMARK_CAPTURE(BM_Blur, gauss_u16, kGaussId, bf::ComponentType::U16)->Apply(WideRadii);
+BENCHMARK_CAPTURE(BM_Blur, gauss_float, kGaussId, bf::ComponentType::F32)->Apply(WideRadii);
+BENCHMARK_CAPTURE(BM_Blur, iirblur_u8, kIirId, bf::ComponentType::U8)->Apply(WideRadii);
+BENCHMARK_CAPTURE(BM_Blur, iirblur_u16, kIirId, bf::ComponentType::U16)->Apply(WideRadii);
+BENCHMARK_CAPTURE(BM_Blur, iirblur_float, kIirId, bf::ComponentType::F32)->Apply(WideRadii);
+BENCHMARK_CAPTURE(BM_Blur, unsharp_u8, kUnsharpId, bf::ComponentType::U8)->Apply(NarrowRadii);
+BENCHMARK_CAPTURE(BM_Blur, unsharp_u16, kUnsharpId, bf::ComponentType::U16)->Apply(NarrowRadii);
+BENCHMARK_CAPTURE(BM_Blur, unsharp_float, kUnsharpId, bf::ComponentType::F32)->Apply(NarrowRadii);

@@ -26,6 +26,8 @@ settings() {
     spread)     echo "horizontal=8" ;;                        # the vertical spread follows
     details)    echo "kernel=2 strength=100" ;;               # 7 x 7
     gauss)      echo "radius_x=6" ;;                          # both radii: they are linked
+    iirblur)    echo "radius_x=8 link=0 radius_y=1" ;;        # a horizontal smear
+    unsharp)    echo "radius=3 amount=250" ;;
     structures) echo "kernel=11" ;;                           # its vertical lines alone
     threshold)  echo "levels=4" ;;
     despeckle)  echo "radius=3 output=100 feedback=50" ;;     # a painterly clean-up

@@ -89,8 +89,9 @@ void RestoreFields(const SettingsLayout& layout, const void* blob, void* setting
     }
 }
 
-void* SettingsFromBlob(const SettingsLayout& layout, const void* blob) {
-    if (!BlobHasCode(blob, layout.code)) return nullptr;
+void* SettingsFromBlob(const SettingsLayout& layout, const void* blob, uint32_t older_code) {
+    if (!BlobHasCode(blob, layout.code) && !(older_code != 0 && BlobHasCode(blob, older_code)))
+        return nullptr;
     void* settings = CreateSettings(layout);
     if (settings) RestoreFields(layout, blob, settings);
     return settings;

@@ -44,8 +44,9 @@ bool BlobHasCode(const void* blob, uint32_t code);
 // Overwrites each field the blob holds a valid value for.
 void RestoreFields(const SettingsLayout& layout, const void* blob, void* settings);
 // Defaults overwritten by the valid stored fields; null for a blob of another
-// filter or when the host has no memory.
-void* SettingsFromBlob(const SettingsLayout& layout, const void* blob);
+// filter or when the host has no memory. A blob under `older_code` (when not
+// 0) is read as the layout's own.
+void* SettingsFromBlob(const SettingsLayout& layout, const void* blob, uint32_t older_code = 0);
 
 // ---- callback shims ---------------------------------------------------------------------
 

@@ -42,19 +42,9 @@ bool RegisterTextureMap() {
     return RegisterFilter(FilterRowOf("texturemap"));
 }
 
-constexpr BitmapFilterDescriptor kUnsharpFilter = PendingRecord("unsharp");
-bool RegisterUnsharp() {
-    return RegisterFilter(FilterRowOf("unsharp"));
-}
-
 constexpr BitmapFilterDescriptor kTextureEmbossFilter = PendingRecord("textureemboss");
 bool RegisterTextureEmboss() {
     return RegisterFilter(FilterRowOf("textureemboss"));
-}
-
-constexpr BitmapFilterDescriptor kIirBlurFilter = PendingRecord("iirblur");
-bool RegisterIirBlur() {
-    return RegisterFilter(FilterRowOf("iirblur"));
 }
 
 constexpr BitmapFilterDescriptor kSelectiveGaussFilter = PendingRecord("selectivegauss");

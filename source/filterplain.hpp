@@ -42,6 +42,8 @@ struct PlainFilterSpec {
     void (*release)(Settings& settings) = nullptr;
     // Takes values from a host settings container handed to CreateDefaultSettings.
     void (*defaults)(Settings& settings, const KPX_CONTAINER& container) = nullptr;
+    // A code the filter's blobs were once stored under, read as its own (0: none).
+    uint32_t older_code = 0;
 };
 
 // The seven callbacks of a plain filter, for MakeFilterRecord.
@@ -71,7 +73,9 @@ struct PlainFilter {
     static void* SettingsToBlob(const void* settings, KpxBlobAllocator allocate) {
         return bfm::SettingsToBlob(settings, sizeof(Settings), allocate);
     }
-    static void* SettingsFromBlob(const void* blob) { return bfm::SettingsFromBlob(kLayout, blob); }
+    static void* SettingsFromBlob(const void* blob) {
+        return bfm::SettingsFromBlob(kLayout, blob, kSpec.older_code);
+    }
     static int32_t PrepareApply(BM_INFO* info, void* settings) {
         Settings* own = Own(settings);
         if (!own) return KPX_NOT_MINE;

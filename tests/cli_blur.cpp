@@ -39,6 +39,8 @@ const std::vector<BlurCase>& Blurs() {
     static const std::vector<BlurCase> blurs{
         {"gauss", 1000566, {{"radius_x", "2.5"}}},
         {"gauss", 1000566, {{"link", "0"}, {"radius_y", "1"}, {"radius_x", "3.25"}}},
+        {"iirblur", 1000553, {{"link", "0"}, {"radius_x", "3"}, {"radius_y", "1"}}},
+        {"unsharp", 1000574, {{"radius", "1.5"}, {"amount", "250"}, {"threshold", "2.5"}}},
     };
     return blurs;
 }

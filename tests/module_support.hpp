@@ -5,6 +5,7 @@
 #include "filtermain.hpp"
 #include "runtime.hpp"
 
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -40,6 +41,19 @@ inline const BitmapFilterDescriptor& FilterRecord(std::string_view key) {
     const Registration* found = StartedModule().find(bfm::FilterRowOf(key).plugin_id);
     if (!found) throw std::runtime_error("filter not registered: " + std::string(key));
     return *found->record;
+}
+
+// A field of a settings record at its byte offset.
+template <class T>
+T Get(const Settings& settings, uint32_t offset) {
+    T value;
+    std::memcpy(&value, static_cast<const std::byte*>(settings.get()) + offset, sizeof value);
+    return value;
+}
+
+template <class T>
+void Put(Settings& settings, uint32_t offset, T value) {
+    std::memcpy(static_cast<std::byte*>(settings.get()) + offset, &value, sizeof value);
 }
 
 }  // namespace bf::test
