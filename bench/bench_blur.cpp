@@ -2,7 +2,7 @@
 // type, through the whole host path (application, settings callbacks, the
 // column and row fetchers' strips, write-back, commit): Gauss at radius 10
 // and 100, IIR blur at 10 and 100, Unsharp mask at 2 and 10 without a
-// threshold.
+// threshold, Selective Gauss at 2 and 10 with its default threshold.
 #include "bench_support.hpp"
 #include "kpx_preview/blurutil.hpp"
 #include "runtime.hpp"
@@ -20,6 +20,7 @@ using bench::kSide;
 constexpr int32_t kGaussId = 1000566;
 constexpr int32_t kIirId = 1000553;
 constexpr int32_t kUnsharpId = 1000574;
+constexpr int32_t kSelectiveId = 1000578;
 
 template <class Field>
 void Put(bf::Settings& settings, uint32_t offset, Field value) {
@@ -27,7 +28,7 @@ void Put(bf::Settings& settings, uint32_t offset, Field value) {
 }
 
 // Both radii of each record: Gauss f64 at 16 and 24, IIR blur i32 at 12 and
-// 16, Unsharp mask f32 at 12 and 16.
+// 16, Unsharp mask f32 at 12 and 16; Selective Gauss's one f32 at 8.
 void SetRadius(int32_t id, bf::Settings& settings, int radius) {
     switch (id) {
         case kGaussId:
@@ -38,6 +39,7 @@ void SetRadius(int32_t id, bf::Settings& settings, int radius) {
             Put(settings, 12, int32_t(radius));
             Put(settings, 16, int32_t(radius));
             break;
+        case kSelectiveId: Put(settings, 8, float(radius)); break;
         default:
             Put(settings, 12, float(radius));
             Put(settings, 16, float(radius));
@@ -129,3 +131,7 @@ BENCHMARK_CAPTURE(BM_Blur, iirblur_float, kIirId, bf::ComponentType::F32)->Apply
 BENCHMARK_CAPTURE(BM_Blur, unsharp_u8, kUnsharpId, bf::ComponentType::U8)->Apply(NarrowRadii);
 BENCHMARK_CAPTURE(BM_Blur, unsharp_u16, kUnsharpId, bf::ComponentType::U16)->Apply(NarrowRadii);
 BENCHMARK_CAPTURE(BM_Blur, unsharp_float, kUnsharpId, bf::ComponentType::F32)->Apply(NarrowRadii);
+BENCHMARK_CAPTURE(BM_Blur, selective_u8, kSelectiveId, bf::ComponentType::U8)->Apply(NarrowRadii);
+BENCHMARK_CAPTURE(BM_Blur, selective_u16, kSelectiveId, bf::ComponentType::U16)->Apply(NarrowRadii);
+BENCHMARK_CAPTURE(BM_Blur, selective_float, kSelectiveId, bf::ComponentType::F32)
+    ->Apply(NarrowRadii);

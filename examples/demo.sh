@@ -28,6 +28,7 @@ settings() {
     gauss)      echo "radius_x=6" ;;                          # both radii: they are linked
     iirblur)    echo "radius_x=8 link=0 radius_y=1" ;;        # a horizontal smear
     unsharp)    echo "radius=3 amount=250" ;;
+    selectivegauss) echo "radius=6 threshold=15" ;;           # smooths, keeps the edges
     structures) echo "kernel=11" ;;                           # its vertical lines alone
     threshold)  echo "levels=4" ;;
     despeckle)  echo "radius=3 output=100 feedback=50" ;;     # a painterly clean-up

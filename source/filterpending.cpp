@@ -47,11 +47,6 @@ bool RegisterTextureEmboss() {
     return RegisterFilter(FilterRowOf("textureemboss"));
 }
 
-constexpr BitmapFilterDescriptor kSelectiveGaussFilter = PendingRecord("selectivegauss");
-bool RegisterSelectiveGauss() {
-    return RegisterFilter(FilterRowOf("selectivegauss"));
-}
-
 constexpr BitmapFilterDescriptor kLevelsFilter = PendingRecord("levels");
 bool RegisterLevels() {
     return RegisterFilter(FilterRowOf("levels"));

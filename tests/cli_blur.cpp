@@ -41,6 +41,7 @@ const std::vector<BlurCase>& Blurs() {
         {"gauss", 1000566, {{"link", "0"}, {"radius_y", "1"}, {"radius_x", "3.25"}}},
         {"iirblur", 1000553, {{"link", "0"}, {"radius_x", "3"}, {"radius_y", "1"}}},
         {"unsharp", 1000574, {{"radius", "1.5"}, {"amount", "250"}, {"threshold", "2.5"}}},
+        {"selectivegauss", 1000578, {{"radius", "2.5"}, {"threshold", "30"}}},
     };
     return blurs;
 }
