@@ -5,9 +5,11 @@
 #include "filterblur.hpp"
 #include "filterplain.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 #include <type_traits>
 
@@ -86,36 +88,49 @@ constexpr SettingsField kFields[] = {
 // integers take the difference as an integer, the product in single
 // precision truncated toward zero, and clamp; floats are not clamped. With
 // alpha, a pixel's alpha is the source's.
-template <class T>
-void Sharpen(T* row, const T* source, int32_t count, int32_t components, bool alpha, float amount,
-             float threshold) {
+// The integer combination. kFar: the amount may take a change past +-1e9,
+// where the result clamps the same way, or be NaN, which adds nothing; the
+// amounts a record holds never do, and without that test the loop runs over
+// several values at once.
+template <class T, bool kFar>
+void SharpenIntegers(T* __restrict row, const T* __restrict source, int32_t count, int32_t limit,
+                     float amount) {
+    constexpr int32_t kMax = std::numeric_limits<T>::max();
     for (int32_t i = 0; i < count; ++i) {
-        if (alpha && i % components == 0) {
-            row[i] = source[i];
-            continue;
-        }
-        const T o = source[i];
-        if constexpr (std::is_floating_point_v<T>) {
+        const int32_t o = source[i];
+        const int32_t diff = o - int32_t{row[i]};
+        float change = static_cast<float>(diff) * amount;
+        if constexpr (kFar) change = change != change ? 0.0f : std::clamp(change, -1e9f, 1e9f);
+        // A difference below the threshold changes nothing: masked rather
+        // than chosen, which the compiler keeps free of branches.
+        const int32_t kept =
+            static_cast<int32_t>(change) & -static_cast<int32_t>(std::abs(2 * diff) >= limit);
+        const int32_t value = kept + o;
+        row[i] = static_cast<T>(value < 0 ? 0 : value > kMax ? kMax : value);
+    }
+}
+
+template <class T>
+void Sharpen(T* __restrict row, const T* __restrict source, int32_t count, int32_t components,
+             bool alpha, float amount, float threshold) {
+    if constexpr (std::is_floating_point_v<T>) {
+        for (int32_t i = 0; i < count; ++i) {
+            const T o = source[i];
             float diff = o - row[i];
             if (!(std::fabs(2.0f * diff) >= threshold)) diff = 0;
             row[i] = diff * amount + o;
-        } else {
-            constexpr float kMax = std::is_same_v<T, uint8_t> ? 255.0f : 65535.0f;
-            const float scaled = kMax * threshold;
-            const int32_t limit =
-                scaled > 0 ? static_cast<int32_t>(scaled < kMax ? scaled : kMax) : 0;
-            int32_t diff = int32_t{o} - int32_t{row[i]};
-            if (std::abs(2 * diff) < limit) diff = 0;
-            // Beyond +-1e9 the result clamps the same way; a NaN amount adds nothing.
-            float change = static_cast<float>(diff) * amount;
-            if (!(change >= -1e9f && change <= 1e9f))
-                change = change > 0 ? 1e9f : change < 0 ? -1e9f : 0.0f;
-            const int64_t value = int64_t{static_cast<int32_t>(change)} + o;
-            row[i] = static_cast<T>(value < 0      ? 0
-                                    : value > kMax ? static_cast<int64_t>(kMax)
-                                                   : value);
         }
+    } else {
+        constexpr float kMax = std::is_same_v<T, uint8_t> ? 255.0f : 65535.0f;
+        const float scaled = kMax * threshold;
+        const int32_t limit = scaled > 0 ? static_cast<int32_t>(scaled < kMax ? scaled : kMax) : 0;
+        if (amount >= -1e4f && amount <= 1e4f)
+            SharpenIntegers<T, false>(row, source, count, limit, amount);
+        else
+            SharpenIntegers<T, true>(row, source, count, limit, amount);
     }
+    if (alpha)  // the source's alpha, unchanged
+        for (int32_t i = 0; i < count; i += components) row[i] = source[i];
 }
 
 struct FreeRows {
