@@ -79,6 +79,8 @@ public:
                 weights_.get()[i * side_ + j] = static_cast<int32_t>(
                     std::exp(-(j * j) / twice_variance) * std::exp(-(i * i) / twice_variance) /
                     (norm * norm) * 65536);
+        for (int32_t dy = -reach_; dy <= reach_; ++dy)
+            for (int32_t dx = -reach_; dx <= reach_; ++dx) total_ += at(dy, dx);
     }
 
     explicit operator bool() const { return weights_ != nullptr; }
@@ -86,10 +88,14 @@ public:
     int32_t at(int32_t dy, int32_t dx) const {
         return weights_.get()[std::abs(dy) * side_ + std::abs(dx)];
     }
+    // Floats no larger than this in magnitude give whole shares and sums
+    // below 2^30: they can be summed in 32-bit integers.
+    float small_floats() const { return static_cast<float>((int64_t{1} << 30) / total_); }
 
 private:
     int32_t reach_ = 0;
     int32_t side_ = 0;
+    int64_t total_ = 0;  // of the whole square
     std::unique_ptr<int32_t, HostFreeDeleter> weights_;
 };
 
@@ -171,6 +177,28 @@ template <class T>
     }
 }
 
+// The float form when every value of the rows is small (QuarterKernel::
+// small_floats): trunc(w p) is the conversion to an integer, and the sums
+// fit in 32 bits, so the same whole numbers are added as in double.
+[[gnu::target_clones("avx2", "default")]] void TapSmallFloats(
+    const float* __restrict p, int32_t w, int32_t count, const float* __restrict lo,
+    const float* __restrict hi, int32_t* __restrict sum, int32_t* __restrict weight) {
+    for (int32_t i = 0; i < count; ++i) {
+        const float v = p[i];
+        // Masked rather than chosen, which the compiler keeps free of branches.
+        const int32_t mask = -static_cast<int32_t>((lo[i] < v) & (v < hi[i]));
+        sum[i] += static_cast<int32_t>(static_cast<float>(w) * v) & mask;
+        weight[i] += w & mask;
+    }
+}
+
+// True when every value of the row is within the bound (a NaN is not).
+bool AllSmall(const float* values, int32_t count, float bound) {
+    bool small = true;
+    for (int32_t i = 0; i < count; ++i) small &= std::fabs(values[i]) <= bound;
+    return small;
+}
+
 // The sums of one output row: for each value of the row, the shares and the
 // weights of the neighbours that passed the test. Integer sums are exact, so
 // the order in which the neighbours are taken does not matter: the row is
@@ -183,19 +211,20 @@ public:
     using Bound = typename Rule::Bound;
     static constexpr int32_t kChunk = 1024;  // values
 
-    RowSums() : lo_(kChunk), hi_(kChunk), sum_(kChunk), weight_(kChunk) {}
+    RowSums() : lo_(kChunk), hi_(kChunk), sum_(kChunk), whole_(kChunk), weight_(kChunk) {}
 
     // rows[0 .. 2R] the source rows around this one, each starting R pixels
     // left of the area; n values per pixel, `count` values in the row.
+    // `small`: floats all within QuarterKernel::small_floats.
     void Run(const QuarterKernel& kernel, T* const* rows, T* dest, int32_t count, int32_t n,
-             float threshold) {
+             float threshold, bool small) {
         for (int32_t first = 0; first < count; first += kChunk)
-            Chunk(kernel, rows, dest, first, std::min(kChunk, count - first), n, threshold);
+            Chunk(kernel, rows, dest, first, std::min(kChunk, count - first), n, threshold, small);
     }
 
 private:
     void Chunk(const QuarterKernel& kernel, T* const* rows, T* dest, int32_t first, int32_t count,
-               int32_t n, float threshold) {
+               int32_t n, float threshold, bool small) {
         const int32_t reach = kernel.reach();
         const T* centre = rows[reach] + reach * n + first;
         const auto limit = Rule::Limit(threshold);
@@ -203,18 +232,32 @@ private:
             lo_[i] = static_cast<Bound>(centre[i]) - limit;
             hi_[i] = static_cast<Bound>(centre[i]) + limit;
             sum_[i] = 0;
+            whole_[i] = 0;
             weight_[i] = 0;
         }
         for (int32_t dy = -reach; dy <= reach; ++dy)
-            for (int32_t dx = -reach; dx <= reach; ++dx)
-                Tap<T>(rows[reach + dy] + (reach + dx) * n + first, kernel.at(dy, dx), count,
-                       lo_.data(), hi_.data(), sum_.data(), weight_.data());
+            for (int32_t dx = -reach; dx <= reach; ++dx) {
+                const T* p = rows[reach + dy] + (reach + dx) * n + first;
+                if constexpr (std::is_floating_point_v<T>) {
+                    if (small) {
+                        TapSmallFloats(p, kernel.at(dy, dx), count, lo_.data(), hi_.data(),
+                                       whole_.data(), weight_.data());
+                        continue;
+                    }
+                }
+                Tap<T>(p, kernel.at(dy, dx), count, lo_.data(), hi_.data(), sum_.data(),
+                       weight_.data());
+            }
+        if constexpr (std::is_floating_point_v<T>)
+            if (small)
+                for (int32_t i = 0; i < count; ++i) sum_[i] = whole_[i];
         for (int32_t i = 0; i < count; ++i)
             dest[first + i] = weight_[i] == 0 ? centre[i] : Rule::Mean(sum_[i], weight_[i]);
     }
 
     std::vector<Bound> lo_, hi_;
     std::vector<typename Rule::Sum> sum_;
+    std::vector<int32_t> whole_;  // the small floats' sums
     std::vector<int32_t> weight_;
 };
 
@@ -254,27 +297,33 @@ int32_t SelectiveRows(const RowRun& run, const QuarterKernel& kernel,
                                                      settings.border_mode, KPX_TILE_SCRATCH,
                                                      nullptr, 0));
     if (!source) return KPX_NO_MEMORY;
-    const auto fetch = [&](int32_t y) {
+    std::vector<T*> ring(2 * reach + 1);
+    std::vector<uint8_t> small(2 * reach + 1);  // floats: the row's values all small
+    const float small_floats = kernel.small_floats();
+    const auto fetch = [&](int32_t i, int32_t y) {
         T* row = static_cast<T*>(kpx::FetchLine(source.get(), y));
         if (row && run.alpha) Premultiply(row, wide, n);
-        return row;
+        if constexpr (std::is_floating_point_v<T>)
+            if (row) small[i] = AllSmall(row, wide * n, small_floats);
+        ring[i] = row;
+        return row != nullptr;
     };
-
-    std::vector<T*> ring(2 * reach + 1);
     for (int32_t i = 0; i < 2 * reach; ++i)
-        if (!(ring[i] = fetch(area.y1 - reach + i))) return KPX_NO_MEMORY;
+        if (!fetch(i, area.y1 - reach + i)) return KPX_NO_MEMORY;
     RowSums<T> sums;
     for (int32_t y = area.y1; y < area.y2; ++y) {
         if (run.Stopped()) return KPX_WORKER_STOPPED;
         run.Report(y);
-        ring[2 * reach] = fetch(y + reach);
+        const bool fetched = fetch(2 * reach, y + reach);
         T* dest = static_cast<T*>(kpx::FetchLine(run.dest, y));
-        if (!ring[2 * reach] || !dest) return KPX_NO_MEMORY;
-        sums.Run(kernel, ring.data(), dest, width * n, n, settings.threshold);
+        if (!fetched || !dest) return KPX_NO_MEMORY;
+        const bool all_small = std::all_of(small.begin(), small.end(), [](uint8_t s) { return s; });
+        sums.Run(kernel, ring.data(), dest, width * n, n, settings.threshold, all_small);
         if (run.alpha) Unpremultiply(dest, width, n);
         kpx::ReleaseLine(run.dest, y);
         kpx::ReleaseLine(source.get(), y - reach);
         std::rotate(ring.begin(), ring.begin() + 1, ring.end());
+        std::rotate(small.begin(), small.begin() + 1, small.end());
     }
     return KPX_OK;
 }
