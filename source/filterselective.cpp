@@ -172,8 +172,14 @@ template <class T>
     for (int32_t i = 0; i < count; ++i) {
         const Bound v = static_cast<Bound>(p[i]);
         const bool in = (lo[i] < v) & (v < hi[i]);
-        sum[i] += in ? Selective<T>::Share(p[i], w) : Sum{0};
-        weight[i] += in ? w : 0;
+        if constexpr (std::is_integral_v<Sum>) {
+            const int32_t mask = -static_cast<int32_t>(in);  // masked rather than chosen
+            sum[i] += Selective<T>::Share(p[i], w) & mask;
+            weight[i] += w & mask;
+        } else {
+            sum[i] += in ? Selective<T>::Share(p[i], w) : Sum{0};
+            weight[i] += in ? w : 0;
+        }
     }
 }
 
