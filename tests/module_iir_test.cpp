@@ -138,8 +138,8 @@ using ComponentTypes = testing::Types<uint8_t, uint16_t, float>;
 TYPED_TEST_SUITE(IirPixels, ComponentTypes);
 
 // Cut and cyclic, small and different radii, a radius past the image's size,
-// whole images and a part, on strips and tiles that do not line up with the
-// groups of lines taken together.
+// whole images and a part (nothing beyond it changes: the area does not grow), on strips and tiles
+// that do not line up with the groups of lines taken together.
 TYPED_TEST(IirPixels, MatchesTheBoxMeanOfBothPasses) {
     using T = TypeParam;
     struct Case {
@@ -194,26 +194,6 @@ TEST_F(IirTest, TheWorkedEdgeCases) {
               (std::vector<uint8_t>{30, 30, 0, 0, 0, 30}));
     // Past half the line the radius is half of it: 2 for four samples.
     EXPECT_EQ(Blurred(Row({40, 0, 0, 0}), 500, false), (std::vector<uint8_t>{13, 10, 10, 0}));
-}
-
-// The area is filtered as it is: nothing beyond it is read or written (the
-// pixels beyond it are checked with the reference above).
-TEST_F(IirTest, KeepsToTheArea) {
-    const Image before = bf::test::RandomImage({12, 9, 3, ComponentType::U8, false}, 2);
-    Document document(before, 4, 4);
-    document.set_area({3, 2, 8, 6});
-    bf::Settings settings = Radii(3, 3, false);
-    bf::Host& host = bf::Host::Get();
-    host.take_calls();
-    host.set_recording(true);
-    ASSERT_EQ(bf::ApplyFilter(Iir(), document, settings), KPX_OK);
-    host.set_recording(false);
-    for (const bf::HostCall& call : host.take_calls()) {
-        if (call.name != "ObtainTile") continue;
-        // Strips start inside the area and keep to its rows.
-        EXPECT_GE(call.args[0], 3) << bf::FormatCall(call);
-        EXPECT_EQ(call.args[1] >= 2 && call.args[3] <= 6, true) << bf::FormatCall(call);
-    }
 }
 
 TEST_F(IirTest, RefusedTilesLeaveTheDocumentAlone) {
