@@ -412,8 +412,81 @@ typedef struct KPX_LOCK_API {
     void (*Unlock)(KPX_LOCK* lock);
 } KPX_LOCK_API;
 
-/* Groups that later roles fill in; a host sets them to null until then. */
-typedef struct KPX_JOB_API KPX_JOB_API;
+/* ---- jobs ---- */
+
+/* The host's job system: a fixed number of worker threads, known before a
+ * run and unchanged while any job group exists; groups of jobs that run on
+ * the workers in parallel; and serial queues whose jobs run one at a time in
+ * the order they were queued.
+ *
+ * A job is the module's record (`self`) and two callbacks. `run` does the
+ * work and returns KPX_OK or a failure status; on failure it may fill
+ * `failure` with the place that failed (the group keeps the first failure).
+ * `done` is called once, when the host and the module have both let go of
+ * the job: after it ran, after it was cancelled, or when it was freed
+ * without ever being queued. It frees the record.
+ *
+ * Every handle the module creates it frees: JobFree drops the module's hold
+ * on a job (a queued job still runs), GroupFree cancels and waits for a group
+ * still running, QueueFree waits until its queue is empty. A job must not
+ * wait for a group, a job or a queue: the workers it would wait for may all
+ * be busy with jobs waiting likewise. */
+typedef struct KPX_JOB KPX_JOB;
+typedef struct KPX_JOB_GROUP KPX_JOB_GROUP;
+typedef struct KPX_JOB_QUEUE KPX_JOB_QUEUE;
+
+/* The status of a job that never ran because its group was cancelled, and
+ * the result of such a group. */
+#define KPX_JOB_CANCELLED (-5)
+
+typedef int32_t (*KpxJobRun)(void* self, KPX_SOURCE_LOCATION* failure);
+typedef void (*KpxJobDone)(void* self);
+
+typedef struct KPX_JOB_API {
+    uint32_t size;
+    /* The number of worker threads, at least 1. */
+    int32_t (*WorkerCount)(void);
+    /* Inside a job of a group: the index of the worker running it, from 0 to
+     * WorkerCount() - 1. No two jobs running at the same time share an index,
+     * and a worker keeps its index from one job to the next where it can.
+     * -1 on a thread that runs no job of a group. */
+    int32_t (*WorkerIndex)(void);
+
+    /* A new job; null when the host has no memory (`done` is not called). */
+    KPX_JOB* (*JobCreate)(KpxJobRun run, KpxJobDone done, void* self);
+    void (*JobFree)(KPX_JOB* job); /* null is ignored */
+    /* Waits until a queued job has run and answers its status, or
+     * KPX_JOB_CANCELLED when it was cancelled or never queued. */
+    int32_t (*JobWait)(KPX_JOB* job);
+
+    KPX_JOB_GROUP* (*GroupCreate)(void);
+    void (*GroupFree)(KPX_JOB_GROUP* group); /* null is ignored */
+    /* Adds a job that is in no group or queue yet; false once the group was
+     * enqueued. The group holds the job until it has run. */
+    uint8_t (*GroupAdd)(KPX_JOB_GROUP* group, KPX_JOB* job);
+    /* Starts the group's jobs on the workers, in the order they were added.
+     * Once only. */
+    uint8_t (*GroupEnqueue)(KPX_JOB_GROUP* group);
+    /* Waits, without a time-out, until every job of the group has run or was
+     * cancelled; returns at once for a group never enqueued. */
+    void (*GroupWait)(KPX_JOB_GROUP* group);
+    /* After GroupWait: KPX_OK when every job ran and returned KPX_OK; else
+     * the status of the first job that failed (with its place in `failure`
+     * when not null), or KPX_JOB_CANCELLED when jobs were cancelled. */
+    int32_t (*GroupResult)(KPX_JOB_GROUP* group, KPX_SOURCE_LOCATION* failure);
+    /* Jobs of the group that have not started do not run. Running jobs run
+     * to their end. */
+    void (*GroupCancel)(KPX_JOB_GROUP* group);
+
+    /* A strictly serial queue; `name` is for the host's display only. */
+    KPX_JOB_QUEUE* (*QueueCreate)(const char* name);
+    void (*QueueFree)(KPX_JOB_QUEUE* queue); /* null is ignored */
+    /* Queues a job that is in no group or queue yet. It runs after every job
+     * queued before it and never at the same time as another job of the
+     * queue; when the queue is idle it runs at once on the calling thread,
+     * before the call returns. */
+    uint8_t (*QueueEnqueue)(KPX_JOB_QUEUE* queue, KPX_JOB* job);
+} KPX_JOB_API;
 
 typedef struct KPX_HOST {
     int32_t version; /* first word: the host interface version */
@@ -465,6 +538,7 @@ static_assert(offsetof(BitmapFilterDescriptor, Execute) == 56);
 static_assert(offsetof(BitmapFilterDescriptor, capabilities) == 64);
 static_assert(sizeof(BitmapFilterDescriptor) == KPX_FILTER_RECORD_SIZE);
 static_assert(offsetof(KPX_HOST, version) == 0);
+static_assert(offsetof(KPX_HOST, job) == 88);
 static_assert(KPX_BLOB_MAGIC == 0x746c6666u);
 #endif
 

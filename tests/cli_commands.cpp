@@ -180,6 +180,8 @@ TEST_F(CliFailure, BadCommandLinesAndFiles) {
         {{"--preset", path("missing").string()}, "cannot read preset"},
         {{"--compression", "jpeg"}, "TIFF files take none, lzw, zip"},
         {{"--compression="}, "--compression wants a name"},
+        {{"--threads", "0"}, "--threads wants a number from 1 to 256"},
+        {{"--threads", "two"}, "--threads wants a number"},
     };
     for (const auto& [extra, message] : options) {
         std::vector<std::string> args{"apply", "invert", in_, out_};

@@ -252,6 +252,8 @@ int RunApply(const Options& options) {
     CheckCompression(options.output, options.compression);  // before any work is done
     const std::unique_ptr<Module> module = LoadModule(options);
     const BitmapFilterDescriptor& record = RecordOf(*module, filter);
+    if (options.threads && !Host::Get().set_worker_count(*options.threads))
+        throw CliError(kExitUsage, "cannot use " + std::to_string(*options.threads) + " threads");
 
     Times times;
     const Clock::time_point start = Clock::now();

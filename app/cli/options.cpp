@@ -17,6 +17,7 @@ namespace {
 constexpr std::string_view kVersion = "0.1.0";
 constexpr int kLargestTile = 65536;
 constexpr int kMostColumns = 100;
+constexpr int kMostThreads = 256;
 
 [[noreturn]] void Fail(const std::string& message) {
     throw CliError(kExitUsage, message);
@@ -85,6 +86,14 @@ int ParseColumns(std::string_view text) {
     return columns;
 }
 
+int ParseThreads(std::string_view text) {
+    int threads = 0;
+    if (!ParseInt(text, threads) || threads < 1 || threads > kMostThreads)
+        Fail("--threads wants a number from 1 to " + std::to_string(kMostThreads) + ", not '" +
+             std::string(text) + "'");
+    return threads;
+}
+
 // The format of OUTPUT decides which names it takes; here only the shape.
 std::string ParseCompression(std::string_view text) {
     if (text.empty()) Fail("--compression wants a name (see bitmapfilter --help)");
@@ -96,8 +105,9 @@ bool IsFlag(std::string_view word, std::string_view long_name, std::string_view 
 }
 
 bool IsValueOption(std::string_view name) {
-    for (std::string_view known : {"--module", "--preset", "--save-preset", "--area", "--tile",
-                                   "--type", "--set", "--border", "--columns", "--compression"})
+    for (std::string_view known :
+         {"--module", "--preset", "--save-preset", "--area", "--tile", "--type", "--set",
+          "--border", "--columns", "--compression", "--threads"})
         if (name == known) return true;
     return false;
 }
@@ -121,6 +131,8 @@ void SetValueOption(Options& options, std::string_view name, std::string_view va
         options.columns = ParseColumns(value);
     else if (name == "--compression")
         options.compression = ParseCompression(value);
+    else if (name == "--threads")
+        options.threads = ParseThreads(value);
     else
         options.type = ParseType(value);
 }
@@ -174,11 +186,11 @@ void CheckOptionsBelong(const Options& options) {
     const bool apply_options = options.preset || options.save_preset || options.area ||
                                options.tile || options.type || !options.changes.empty() ||
                                options.border_wrap || !options.compression.empty() ||
-                               options.verbose;
+                               options.verbose || options.threads;
     if (apply_options && options.command != Command::Apply)
         Fail(
-            "--preset, --save-preset, --area, --tile, --type, --set, --border, --compression "
-            "and --verbose belong to apply");
+            "--preset, --save-preset, --area, --tile, --type, --set, --border, --compression, "
+            "--threads and --verbose belong to apply");
     if (options.json && options.command != Command::Describe) Fail("--json belongs to describe");
     if (options.columns && options.command != Command::ContactSheet)
         Fail("--columns belongs to contact-sheet");
@@ -297,6 +309,10 @@ std::string UsageText() {
            "                         that type (u8<->u16 by x257 and rounding, float as\n"
            "                         value / maximum, float to integers clamped and rounded)\n"
            "  --compression NAME     how OUTPUT is compressed (see Compression below)\n"
+           "  --threads N            worker threads for filters that run in parallel\n"
+           "                         (Whirl), 1 to " +
+           std::to_string(kMostThreads) +
+           "; default: one per core of the machine\n"
            "  -v, --verbose          at the end, one line of times: read (with any --type\n"
            "                         conversion), filter with its megapixels per second,\n"
            "                         write: \"read 0.03 s, filter 0.01 s (1300 MP/s),\n"

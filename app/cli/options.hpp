@@ -36,6 +36,7 @@ struct Options {
     std::optional<bool> border_wrap;    // --border wrap (true) or clamp (false)
     std::string compression;            // --compression; empty when not given
     bool verbose = false;               // -v: read, filter and write times
+    std::optional<int> threads;         // --threads: the job system's workers
 
     // describe (with `filter`)
     bool json = false;

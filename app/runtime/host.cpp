@@ -355,7 +355,10 @@ void Host::Impl::record(std::string_view name, std::vector<int64_t> args, std::s
     if (!recording) return;
     try {
         std::lock_guard lock(mutex);
-        if (recording) calls.push_back({std::string(name), std::move(args), std::string(text)});
+        const JobContext& job = CurrentJobContext();
+        if (recording)
+            calls.push_back(
+                {std::string(name), std::move(args), std::string(text), job.site, job.worker});
     } catch (...) {
     }
 }
@@ -439,6 +442,7 @@ Host::Impl& Host::impl() {
         i->table.dialog = &kDialogApi;
         i->table.thread = &kThreadApi;
         i->table.lock = &kLockApi;
+        i->table.job = &kJobApi;
         i->table.system = &kSystem;
         return i;
     }();
@@ -483,6 +487,7 @@ int64_t Host::live_objects() const {
 
 void Host::request_break() {
     impl().break_requested = true;
+    CancelRunningGroups();
 }
 void Host::clear_break() {
     impl().break_requested = false;
@@ -500,6 +505,14 @@ void Host::set_progress_sink(ProgressSink sink) {
 void Host::set_message_sink(MessageSink sink) {
     std::lock_guard lock(impl().mutex);
     impl().message_sink = std::move(sink);
+}
+
+bool Host::set_worker_count(int count) {
+    return SetWorkerCount(count);
+}
+
+int Host::worker_count() const {
+    return WorkerCountNow();
 }
 
 const std::vector<Registration>& Host::registrations() const {

@@ -199,6 +199,24 @@ extern const KPX_PREFS_API kPrefsApi;    // prefs.cpp
 extern const KPX_THREAD_API kThreadApi;  // threads.cpp
 extern const KPX_LOCK_API kLockApi;      // threads.cpp
 extern const KPX_DIALOG_API kDialogApi;  // dialog.cpp
+extern const KPX_JOB_API kJobApi;        // jobs.cpp
+
+// ---- jobs (jobs.cpp) ----
+
+// What the calling thread runs now: set by the job system around each job.
+struct JobContext {
+    CallSite site = CallSite::Caller;
+    int32_t worker = -1;  // the worker index, -1 off the workers
+};
+const JobContext& CurrentJobContext();
+// Cancels the job groups still running: every one, or those a host thread
+// enqueued.
+void CancelRunningGroups(BaseThread* thread = nullptr);
+bool SetWorkerCount(int32_t count);  // false while any group exists
+int32_t WorkerCountNow();
+
+// The host thread (threads.cpp) the caller runs on; null for other threads.
+BaseThread* CurrentHostThread();
 
 // Whether End was called on a live host thread since its last Start.
 bool ThreadEndRequested(BaseThread* thread);

@@ -182,12 +182,18 @@ struct Faults {
     int64_t refuse_lock = 0;   // the Nth Lock is refused
 };
 
+// Where a host call came from: a thread of the module's own, a job of a job
+// group (on a worker), or a job of a serial queue.
+enum class CallSite : uint8_t { Caller, GroupJob, SerialJob };
+
 // One host call as the module made it. Integer arguments in order; rectangles
 // as four values; strings (captions, names) in `text`.
 struct HostCall {
     std::string name;  // "ObtainTile", "ReleaseTile", "SetProgress", ...
     std::vector<int64_t> args;
     std::string text;
+    CallSite site = CallSite::Caller;
+    int32_t worker = -1;  // the worker index of the job it came from, -1 for none
 };
 
 // "ObtainTile 0 0 64 64 0 0 514 0": the name, the integer arguments, then the
@@ -222,7 +228,8 @@ public:
     int64_t live_objects() const;
 
     // Break: Ctrl-C sets it; TestBreak answers it, and while it is set every
-    // ObtainTile is refused, so a filter without a thread stops too.
+    // ObtainTile is refused, so a filter without a thread stops too. It also
+    // cancels the job groups running, and every group enqueued while it holds.
     void request_break();
     void clear_break();
     bool break_requested() const;
@@ -233,6 +240,12 @@ public:
     // Messages the module asked to show (critical stops).
     using MessageSink = std::function<void(std::string_view message)>;
     void set_message_sink(MessageSink sink);
+
+    // The job system's worker threads: the machine's cores unless set. The
+    // count cannot change while the module holds a job group (false then, or
+    // for a count below 1).
+    bool set_worker_count(int count);
+    int worker_count() const;
 
     const std::vector<Registration>& registrations() const;
     KpxScaleFn scaler() const;    // the module's scaling routine, once offered

@@ -40,6 +40,9 @@ ThreadRegistry& Registry() {
     return registry;
 }
 
+// The host thread this code runs on, if any.
+thread_local BaseThread* t_current = nullptr;
+
 bool Live(BaseThread* thread) {
     ThreadRegistry& r = Registry();
     std::lock_guard lock(r.mutex);
@@ -87,6 +90,7 @@ void ThreadEnd(BaseThread* thread, uint8_t wait) noexcept {
     State().record("ThreadEnd", {wait});
     if (!thread || !Live(thread)) return;
     thread->end_requested = true;
+    CancelRunningGroups(thread);  // what the thread waits for stops sooner
     if (wait) Join(*thread);
 }
 
@@ -122,6 +126,7 @@ uint8_t ThreadStart(BaseThread* thread) noexcept {
     }
     try {
         thread->worker = std::thread([thread] {
+            t_current = thread;
             thread->main(thread->self, thread);
             Finished(*thread);
         });
@@ -184,6 +189,10 @@ bool ThreadEndRequested(BaseThread* thread) {
     ThreadRegistry& r = Registry();
     std::lock_guard lock(r.mutex);
     return r.live.count(thread) == 1 && thread->end_requested;
+}
+
+BaseThread* CurrentHostThread() {
+    return t_current;
 }
 
 Activity& HostActivity() {
