@@ -188,7 +188,7 @@ void FilterDialog::ChangeField(const SettingsField& field) {
             value = on ? 1 : 0;
     } else if (IsRealKind(gadget.kind)) {
         if (!GetReal(gadget.id, value)) return;
-        value *= UnscaleOf(gadget);
+        value = gadget.divides ? value / ScaleOf(gadget) : value * UnscaleOf(gadget);
         if (gadget.single) value = static_cast<float>(value);
     } else {
         int32_t index = 0;

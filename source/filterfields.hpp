@@ -69,6 +69,9 @@ struct Gadget {
     // A value read back is rounded to single precision (and widened again)
     // before it is compared with the field and stored.
     bool single = false;
+    // A value read back is divided by `scale` instead of multiplied by
+    // `unscale`: a field shown x 100 takes the entry / 100 exactly.
+    bool divides = false;
 };
 
 // One field of a settings record and its gadget. Values are held as double,
