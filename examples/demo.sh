@@ -20,6 +20,7 @@ settings() {
                       matrix_6=0  matrix_7=1  matrix_8=2" ;;  # a relief
     pixelize)   echo "cell_size=12" ;;
     waves)      echo "amplitude=6 wavelength=10" ;;
+    whirl)      echo "angle=240 pinch=25" ;;
     motionblur) echo "length=40 angle=20" ;;
     radialblur) echo "angle=30" ;;
     sharpen)    echo "kernel=1" ;;                            # eight neighbours

@@ -85,4 +85,10 @@ int32_t WalkRowsFromPixelRoot(BM_INFO* info, const RECT32& area, BM_TILE* dest,
     return status;
 }
 
+// Whirl's apply routine, as Execute and the dialog's previews run it (the
+// tests reach the preview paths through it): the whole area split into a job
+// per host tile.
+int32_t ApplyWhirlFilter(BM_INFO* info, const RECT32* area, BM_TILE* tile, void* settings,
+                         int32_t notify, BaseThread* thread);
+
 }  // namespace bfm

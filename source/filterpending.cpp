@@ -32,11 +32,6 @@ bool RegisterDeinterlace() {
     return RegisterFilter(FilterRowOf("deinterlace"));
 }
 
-constexpr BitmapFilterDescriptor kWhirlFilter = PendingRecord("whirl");
-bool RegisterWhirl() {
-    return RegisterFilter(FilterRowOf("whirl"));
-}
-
 constexpr BitmapFilterDescriptor kTextureMapFilter = PendingRecord("texturemap");
 bool RegisterTextureMap() {
     return RegisterFilter(FilterRowOf("texturemap"));

@@ -5,10 +5,14 @@
 // the window. The module's own tests check the pixels themselves.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 #include "cli_support.hpp"
 
@@ -180,6 +184,71 @@ TEST_F(Cli, WavesAndLensSettingsFromSetAndPresetOnEveryFileType) {
             EXPECT_TRUE(
                 Same(applied({filter.key, in, out, "--preset", preset, "--border", "wrap"}), set));
         }
+}
+
+// Degrees and the x 100 fields typed as a person would, on two workers,
+// reach the record and the preset, and the preset gives the same result.
+TEST_F(Cli, WhirlSettingsFromSetAndPresetOnEveryFileType) {
+    const std::vector<GadgetChange> changes{
+        {"angle", "-135"}, {"pinch", "40"}, {"radius", "150"}, {"border_wrap", "1"}};
+    int run = 0;
+    for (const FileCase& file : kFiles) {
+        SCOPED_TRACE(test::CaseName(file));
+        const Image image = RandomImage({33, 20, file.components, file.type, file.alpha}, ++run);
+        const std::string in = input("in" + std::string(file.extension), image);
+        const std::string out = path("out" + std::string(file.extension)).string();
+        const std::string preset = path("whirl.preset").string();
+        std::vector<std::string> args{
+            "whirl", in, out, "--threads", "2", "--tile", "16x16", "--save-preset", preset};
+        for (const GadgetChange& change : changes) {
+            args.push_back("--set");
+            args.push_back(change.gadget + "=" + change.value);
+        }
+        const Image set = applied(args);
+        EXPECT_TRUE(Same(set, InProcessResult(1000562, image, 16, changes)));
+        EXPECT_FALSE(Same(set, image));
+
+        const std::string blob = ReadText(preset);
+        ASSERT_EQ(blob.size(), 48u);
+        EXPECT_EQ(blob.substr(16, 4), "whrl");
+        double values[3] = {};
+        std::memcpy(values, blob.data() + 24, sizeof values);
+        EXPECT_NEAR(values[0], -135, 1e-9);
+        EXPECT_EQ(values[1], 0.4);
+        EXPECT_EQ(values[2], 1.5);
+        EXPECT_TRUE(Same(applied({"whirl", in, out, "--preset", preset, "--border", "wrap",
+                                  "--tile", "16x16", "--threads", "1"}),
+                         set));
+    }
+}
+
+// Ctrl-C while a Whirl runs cancels its jobs: the run ends with the
+// interrupted status and writes nothing. An earlier signal finds it still
+// reading (and ends it), so the delay grows until one finds it filtering; a
+// run that finished first means the signals came too late. One worker, a
+// small tile grid and a pinch make the filtering the longest part of a run.
+TEST_F(Cli, CtrlCDuringAWhirlLeavesNoOutput) {
+    const Image image = RandomImage({2400, 2400, 3, ComponentType::U8, false}, 7);
+    const std::string in = input("in.tif", image);
+    const std::string out = path("out.tif").string();
+    bool stopped_filtering = false;
+    for (int delay_ms = 300; delay_ms < 8000 && !stopped_filtering; delay_ms += 80) {
+        SCOPED_TRACE(std::to_string(delay_ms) + " ms");
+        std::filesystem::remove(out);
+        const pid_t pid = start({"apply", "whirl", in, out, "--set", "angle=300", "--set",
+                                 "pinch=50", "--threads", "1", "--tile", "16x16", "-q"});
+        ASSERT_GT(pid, 0);
+        usleep(delay_ms * 1000);
+        kill(pid, SIGINT);
+        const Outcome result = finish(pid);
+        if (result.status == 0) break;  // done before the signal came
+        EXPECT_TRUE(result.status == 130 || result.status == 1000 + SIGINT)
+            << result.status << " " << result.err;
+        EXPECT_FALSE(std::filesystem::exists(out));
+        EXPECT_EQ(FolderContents(dir_.path()).size(), 1u);
+        stopped_filtering = result.err.find("stopped by the user") != std::string::npos;
+    }
+    EXPECT_TRUE(stopped_filtering);
 }
 
 }  // namespace
