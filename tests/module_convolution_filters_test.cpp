@@ -310,24 +310,6 @@ TEST_F(ConvolutionTest, SharpenTakesItsStrengthFromAHostContainer) {
     }
 }
 
-// A refused settings lock (every filter) or no memory for the convolution
-// stops the run with the document as it was.
-TEST_F(ConvolutionTest, ARefusedLockOrAllocationStopsWithoutWriting) {
-    const Image before = bf::test::RandomImage({6, 6, 3, ComponentType::U8, false});
-    for (const FilterCase& filter : Filters())
-        for (bool lock : {true, false}) {
-            if (!lock && filter.key != std::string_view("emboss")) continue;
-            SCOPED_TRACE(std::string(filter.key) + (lock ? " lock" : " allocation"));
-            Document document(before);
-            bf::Settings settings = Defaults(filter);
-            bf::Host::Get().set_faults(lock ? bf::Faults{.refuse_lock = 1}
-                                            : bf::Faults{.refuse_alloc = 1});
-            EXPECT_EQ(bf::ApplyFilter(Record(filter), document, settings),
-                      lock ? KPX_WORKER_STOPPED : KPX_NO_MEMORY);
-            EXPECT_TRUE(SamePixels(document.image(), before));
-        }
-}
-
 // ---- the preview paths -------------------------------------------------------------------
 
 class ConvolutionPreview : public ConvolutionTest {

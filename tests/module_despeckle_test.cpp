@@ -266,45 +266,6 @@ protected:
     void TearDown() override { bf::Host::Get().set_faults({}); }
 };
 
-// A refused strip (first, or one in the middle of the run), the working
-// buffer refused, a host break and a break on the run's thread: each leaves
-// the document as it was and every tile and block given back.
-TEST_F(DespeckleRuns, EveryStopLeavesTheDocumentUntouched) {
-    const Image before = bf::test::RandomImage({20, 30, 2, ComponentType::U8, true}, 3);
-    bf::Host& host = bf::Host::Get();
-    const int64_t allocations = host.live_allocations();
-    for (auto [faults, status] : {std::pair{bf::Faults{.refuse_tile = 1}, KPX_NO_MEMORY},
-                                  {bf::Faults{.refuse_tile = 5}, KPX_NO_MEMORY},
-                                  {bf::Faults{.refuse_alloc = 3}, KPX_WORKER_STOPPED},
-                                  {bf::Faults{.refuse_alloc = 4}, KPX_NO_MEMORY}}) {
-        Document document(before, 8, 4);
-        host.set_faults(faults);
-        EXPECT_EQ(Apply(document, {}), status);
-        host.set_faults({});
-        EXPECT_EQ(document.image().pixels, before.pixels);
-        EXPECT_FALSE(document.can_undo());
-    }
-    {
-        Document document(before, 8, 4);
-        host.request_break();
-        EXPECT_EQ(Apply(document, {}), KPX_NO_MEMORY);  // no strip is served any more
-        host.clear_break();
-        EXPECT_EQ(document.image().pixels, before.pixels);
-    }
-    {
-        Document document(before, 8, 4);
-        bf::Settings settings = SettingsWith({});
-        bf::Application application(document);
-        host.set_faults({.break_at = 7});
-        auto* thread = reinterpret_cast<BaseThread*>(this);  // any thread: the fault answers
-        EXPECT_EQ(
-            bfm::ApplyDespeckle(application.info(), nullptr, nullptr, settings.get(), 0, thread),
-            KPX_WORKER_STOPPED);
-        EXPECT_EQ(application.live_tiles(), 0);
-    }
-    EXPECT_EQ(host.live_allocations(), allocations);
-}
-
 TEST_F(DespeckleRuns, AnUnknownComponentTypeStopsWithTwo) {
     const Image before = bf::test::RandomImage({6, 6, 3, ComponentType::U8, false}, 4);
     Document document(before);

@@ -324,32 +324,6 @@ TEST_F(DistortTest, LensBlobTakesTheIndexOnly) {
     }
 }
 
-// ---- failures ------------------------------------------------------------------------------
-
-// Any refused tile (a destination strip or a source cell) and a user break
-// stop the run with -2, and nothing reaches the document.
-TEST_F(DistortTest, ARefusedTileOrABreakLeavesTheDocumentAsItWas) {
-    const Image image = bf::test::RandomImage({20, 20, 3, ComponentType::U8, false}, 6);
-    for (const BitmapFilterDescriptor* filter : {&Waves(), &Lens()})
-        for (int refused = 0; refused <= 4; ++refused) {
-            SCOPED_TRACE(testing::Message() << (filter == &Lens() ? "lens " : "waves ")
-                                            << "refusing tile " << refused);
-            bf::Settings settings = *bf::Settings::Defaults(*filter);
-            Document document(image, 8, 8);
-            if (refused)
-                bf::Host::Get().set_faults({.refuse_tile = refused});
-            else
-                bf::Host::Get().request_break();
-            const int64_t allocations = bf::Host::Get().live_allocations();
-            EXPECT_EQ(bf::ApplyFilter(*filter, document, settings), KPX_NO_MEMORY);
-            EXPECT_TRUE(SamePixels(document.image(), image));
-            EXPECT_FALSE(document.can_undo());
-            EXPECT_EQ(bf::Host::Get().live_allocations(), allocations);
-            bf::Host::Get().set_faults({});
-            bf::Host::Get().clear_break();
-        }
-}
-
 // ---- the preview paths -------------------------------------------------------------------
 
 // A run records what it was handed and fills its destination rows with the

@@ -282,22 +282,6 @@ TEST_F(MotionCalls, StripsForWritingAndCellsForReadingCarryTheBorderMode) {
               calls_.end());
 }
 
-// A break, a refused strip or cell (the first strip, the only cell, the
-// second strip after the first went back written): nothing reaches the
-// document.
-TEST_F(MotionCalls, ABreakOrARefusedTileLeavesTheDocumentUntouched) {
-    for (int64_t refused : {int64_t(1), int64_t(2), int64_t(3)}) {
-        Document document(before_, 8, 4);
-        EXPECT_EQ(Run(document, {.refuse_tile = refused}), KPX_NO_MEMORY) << refused;
-        EXPECT_EQ(document.image().pixels, before_.pixels);
-        EXPECT_FALSE(document.can_undo());
-    }
-    Document broken(before_, 8, 4);
-    EXPECT_EQ(Run(broken, {.break_at = 2}), 2);  // before the second row
-    EXPECT_EQ(broken.image().pixels, before_.pixels);
-    EXPECT_FALSE(broken.can_undo());
-}
-
 // ---- settings and dialog ----------------------------------------------------------------------
 
 // From a blob: strength 0..1, length 2..100 (an odd 3 too), angle 0..360;

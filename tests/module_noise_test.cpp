@@ -276,40 +276,4 @@ TEST(NoiseDialog, AmountIsKeptAtSinglePrecision) {
     bf::SetPreference(KPX_PREFERENCES_ID, 6, false);
 }
 
-// ---- paths that stop -------------------------------------------------------------------------
-
-class NoiseRuns : public testing::Test {
-protected:
-    void SetUp() override { bf::test::StartedModule(); }
-    void TearDown() override { bf::Host::Get().set_faults({}); }
-};
-
-TEST_F(NoiseRuns, EveryStopLeavesTheDocumentUntouched) {
-    const Image before = bf::test::RandomImage({20, 30, 3, ComponentType::F32, false}, 3);
-    bf::Host& host = bf::Host::Get();
-    const int64_t allocations = host.live_allocations();
-    for (auto [faults, status] : {std::pair{bf::Faults{.refuse_tile = 1}, KPX_NO_MEMORY},
-                                  {bf::Faults{.refuse_tile = 6}, KPX_NO_MEMORY},
-                                  {bf::Faults{.refuse_alloc = 2}, KPX_WORKER_STOPPED},
-                                  {bf::Faults{.refuse_alloc = 3}, KPX_WORKER_STOPPED}}) {
-        Document document(before, 8, 4);
-        host.set_faults(faults);
-        EXPECT_EQ(Apply(document, 0.5, false), status);
-        host.set_faults({});
-        EXPECT_EQ(document.image().pixels, before.pixels);
-        EXPECT_FALSE(document.can_undo());
-    }
-    {
-        Document document(before, 8, 4);
-        bf::Settings settings = SettingsWith(0.5, true);
-        bf::Application application(document);
-        host.set_faults({.break_at = 9});
-        auto* thread = reinterpret_cast<BaseThread*>(this);  // any thread: the fault answers
-        EXPECT_EQ(bfm::ApplyNoise(application.info(), nullptr, nullptr, settings.get(), 0, thread),
-                  KPX_WORKER_STOPPED);
-        EXPECT_EQ(application.live_tiles(), 0);
-    }
-    EXPECT_EQ(host.live_allocations(), allocations);
-}
-
 }  // namespace

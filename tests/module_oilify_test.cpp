@@ -256,40 +256,4 @@ TEST(OilifyDialog, BrushIsARealFieldAndThePreviewFollows) {
     bf::SetPreference(KPX_PREFERENCES_ID, 5, false);
 }
 
-// ---- paths that stop ------------------------------------------------------------------------
-
-class OilifyRuns : public testing::Test {
-protected:
-    void SetUp() override { bf::test::StartedModule(); }
-    void TearDown() override { bf::Host::Get().set_faults({}); }
-};
-
-TEST_F(OilifyRuns, EveryStopLeavesTheDocumentUntouched) {
-    const Image before = bf::test::RandomImage({300, 20, 3, ComponentType::U16, false}, 3);
-    bf::Host& host = bf::Host::Get();
-    const int64_t allocations = host.live_allocations();
-    for (auto [faults, status] : {std::pair{bf::Faults{.refuse_tile = 1}, KPX_NO_MEMORY},
-                                  {bf::Faults{.refuse_tile = 3}, KPX_NO_MEMORY},
-                                  {bf::Faults{.refuse_alloc = 2}, KPX_WORKER_STOPPED},
-                                  {bf::Faults{.refuse_alloc = 3}, KPX_WORKER_STOPPED}}) {
-        Document document(before, 128, 8);
-        host.set_faults(faults);
-        EXPECT_EQ(Apply(document, 5), status);
-        host.set_faults({});
-        EXPECT_EQ(document.image().pixels, before.pixels);
-        EXPECT_FALSE(document.can_undo());
-    }
-    {
-        Document document(before, 128, 8);
-        bf::Settings settings = SettingsWith(5);
-        bf::Application application(document);
-        host.set_faults({.break_at = 4});
-        auto* thread = reinterpret_cast<BaseThread*>(this);  // any thread: the fault answers
-        EXPECT_EQ(bfm::ApplyOilify(application.info(), nullptr, nullptr, settings.get(), 0, thread),
-                  KPX_WORKER_STOPPED);
-        EXPECT_EQ(application.live_tiles(), 0);
-    }
-    EXPECT_EQ(host.live_allocations(), allocations);
-}
-
 }  // namespace

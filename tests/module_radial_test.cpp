@@ -227,43 +227,6 @@ TYPED_TEST(RadialPixels, ArcZeroOnAnOddAreaAndStrengthZeroKeepThePixels) {
     EXPECT_EQ(weak.image().pixels, before.pixels);
 }
 
-// ---- the ways a run stops ---------------------------------------------------------------------
-
-class RadialCalls : public testing::Test {
-protected:
-    void SetUp() override { bf::test::StartedModule(); }
-    void TearDown() override {
-        bf::Host::Get().set_faults({});
-        bf::Host::Get().clear_break();
-    }
-    int32_t Run(Document& document, const bf::Faults& faults) {
-        bf::Settings settings = SettingsWith({30, 1.0f});
-        bf::Host::Get().set_faults(faults);
-        return bf::ApplyFilter(Radial(), document, settings);
-    }
-
-    const Image before_ = bf::test::RandomImage({20, 10, 2, ComponentType::U16, true}, 6);
-};
-
-// No memory for the angle tables, a refused strip or cell, a break: the
-// document is as it was.
-TEST_F(RadialCalls, NoTablesARefusedTileOrABreakLeaveTheDocumentUntouched) {
-    const std::pair<bf::Faults, int32_t> runs[] = {
-        {{.refuse_alloc = 1}, KPX_NO_MEMORY},
-        {{.refuse_tile = 1}, KPX_NO_MEMORY},
-        {{.refuse_tile = 2}, KPX_NO_MEMORY},
-        {{.refuse_tile = 3}, KPX_NO_MEMORY},
-        {{.break_at = 3}, 2},
-    };
-    int run = 0;
-    for (const auto& [faults, status] : runs) {
-        Document document(before_, 8, 4);
-        EXPECT_EQ(Run(document, faults), status) << run;
-        EXPECT_EQ(document.image().pixels, before_.pixels) << run;
-        EXPECT_FALSE(document.can_undo()) << run++;
-    }
-}
-
 // ---- settings and dialog ----------------------------------------------------------------------
 
 TEST(RadialSettings, BlobTakesStrengthAndAngleInRangeOnly) {

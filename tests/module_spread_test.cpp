@@ -179,44 +179,6 @@ TYPED_TEST(SpreadPixels, ARunIsItsSeedsDrawsThreePerPixel) {
     }
 }
 
-// ---- the ways a run stops
-// ------------------------------------------------------------------------
-
-class SpreadCalls : public testing::Test {
-protected:
-    void SetUp() override { bf::test::StartedModule(); }
-    void TearDown() override { bf::Host::Get().set_faults({}); }
-
-    int32_t Apply(Document& document, const bf::Faults& faults) {
-        bf::Settings settings = SettingsWith(4, 4);
-        bf::Host::Get().set_faults(faults);
-        const int32_t status = bf::ApplyFilter(Spread(), document, settings);
-        bf::Host::Get().set_faults({});
-        return status;
-    }
-
-    const Image before_ = bf::test::RandomImage({40, 30, 3, ComponentType::U8, false}, 6);
-};
-
-// A destination row or a source cell the host refuses ends the run with -2,
-// a pixel root that cannot be made with 2; the document stays as it was.
-TEST_F(SpreadCalls, RefusalsStopTheRunAndLeaveTheDocumentUntouched) {
-    const std::pair<bf::Faults, int32_t> cases[] = {
-        {{.refuse_tile = 1}, KPX_NO_MEMORY},        // the first destination strip
-        {{.refuse_tile = 2}, KPX_NO_MEMORY},        // the first source cell
-        {{.refuse_tile = 5}, KPX_NO_MEMORY},        // later on
-        {{.refuse_alloc = 1}, KPX_WORKER_STOPPED},  // the root
-    };
-    for (const auto& [faults, status] : cases) {
-        Document document(before_, 16, 8);
-        const int64_t allocations = bf::Host::Get().live_allocations();
-        EXPECT_EQ(Apply(document, faults), status);
-        EXPECT_EQ(document.image().pixels, before_.pixels);
-        EXPECT_FALSE(document.can_undo());
-        EXPECT_EQ(bf::Host::Get().live_allocations(), allocations);
-    }
-}
-
 // ---- settings and dialog
 // -------------------------------------------------------------------------
 

@@ -167,15 +167,6 @@ TEST_F(ThresholdCalls, OnlyEightBitImagesGetATable) {
     EXPECT_EQ(Threshold().FinishApply(nullptr, nullptr, foreign), KPX_NOT_MINE);
 }
 
-TEST_F(ThresholdCalls, ARefusedSourceTileStopsWithMinusTwoAndChangesNothing) {
-    const Image before = bf::test::RandomImage({10, 6, 3, ComponentType::U16, false});
-    Document document(before, 4, 4);
-    bf::Host::Get().set_faults({.refuse_tile = 4});  // the second cell's source tile
-    EXPECT_EQ(Apply(document, 4), KPX_NO_MEMORY);
-    EXPECT_EQ(document.image().pixels, before.pixels);
-    EXPECT_FALSE(document.can_undo());
-}
-
 TEST_F(ThresholdCalls, WithoutItsTableAnEightBitImageIsLeftAlone) {
     // Execute before any PrepareApply: nothing to read the levels from.
     const Image before = bf::test::RandomImage({6, 6, 1, ComponentType::U8, false});
