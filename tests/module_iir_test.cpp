@@ -196,17 +196,6 @@ TEST_F(IirTest, TheWorkedEdgeCases) {
     EXPECT_EQ(Blurred(Row({40, 0, 0, 0}), 500, false), (std::vector<uint8_t>{13, 10, 10, 0}));
 }
 
-TEST_F(IirTest, RefusedTilesLeaveTheDocumentAlone) {
-    const Image before = bf::test::RandomImage({9, 7, 4, ComponentType::U16, true}, 8);
-    for (int64_t refuse = 1; refuse <= 6; ++refuse) {
-        Document document(before, 4, 4);
-        bf::Settings settings = Radii(2, 2, true);
-        bf::Host::Get().set_faults({.refuse_tile = refuse});
-        EXPECT_EQ(bf::ApplyFilter(Iir(), document, settings), KPX_NO_MEMORY) << refuse;
-        EXPECT_TRUE(SamePixels(document.image(), before)) << refuse;
-    }
-}
-
 // A blob under "biir" or the older "aiir" restores radii from 1 to 1000 and
 // the link byte; never the border mode.
 TEST_F(IirTest, BlobsUnderBothCodesAndContainers) {

@@ -180,30 +180,6 @@ TEST_F(SelectiveTest, TheWorkedCases) {
         }
 }
 
-// Every refused tile and a break leave the document as it was.
-TEST_F(SelectiveTest, RefusedTilesAndBreaksLeaveTheDocumentAlone) {
-    const Image before = bf::test::RandomImage({9, 7, 4, ComponentType::U16, true}, 8);
-    bf::Host& host = bf::Host::Get();
-    for (int64_t refuse = 1; refuse <= 5; ++refuse) {  // each tile the run asks for
-        Document document(before, 4, 4);
-        bf::Settings settings = SettingsOf(2.0f, 0.2f, true);
-        host.set_faults({.refuse_tile = refuse});
-        EXPECT_EQ(bf::ApplyFilter(Selective(), document, settings), KPX_NO_MEMORY) << refuse;
-        EXPECT_TRUE(SamePixels(document.image(), before)) << refuse;
-    }
-    bf::Settings settings = SettingsOf(2.0f, 0.2f, false);
-    Document starved(before);
-    host.set_faults({.refuse_alloc = 1});  // the kernel
-    EXPECT_EQ(bf::ApplyFilter(Selective(), starved, settings), KPX_NO_MEMORY);
-    EXPECT_TRUE(SamePixels(starved.image(), before));
-    host.set_faults({});
-    Document stopped(before);
-    host.request_break();
-    EXPECT_NE(bf::ApplyFilter(Selective(), stopped, settings), KPX_OK);
-    host.clear_break();
-    EXPECT_TRUE(SamePixels(stopped.image(), before));
-}
-
 // A blob gives the radius from 1 to 10 and the threshold from 0 to 1, never
 // the border mode; the dialog types the threshold in percent.
 TEST_F(SelectiveTest, BlobsAndTheDialog) {

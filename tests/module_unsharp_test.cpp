@@ -204,15 +204,4 @@ TEST_F(UnsharpTest, TheDialogSetsBothRadii) {
     bf::SetPreferencesFile({});
 }
 
-TEST_F(UnsharpTest, RefusedTilesLeaveTheDocumentAlone) {
-    const Image before = bf::test::RandomImage({9, 7, 4, ComponentType::F32, true}, 8);
-    for (int64_t refuse = 1; refuse <= 12; ++refuse) {
-        Document document(before, 4, 4);
-        bf::Settings settings = SettingsOf({});
-        bf::Host::Get().set_faults({.refuse_tile = refuse});
-        EXPECT_EQ(bf::ApplyFilter(Unsharp(), document, settings), KPX_NO_MEMORY) << refuse;
-        EXPECT_TRUE(SamePixels(document.image(), before)) << refuse;
-    }
-}
-
 }  // namespace
