@@ -10,10 +10,14 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 #include "cli_support.hpp"
 
@@ -62,6 +66,7 @@ struct FilterCase {
     const char* key;
     int32_t plugin_id;
     std::vector<GadgetChange> changes;
+    std::vector<std::string> options = {};  // for the first run; the preset's has one worker
 };
 
 const std::vector<FilterCase>& FilterCases() {
@@ -87,6 +92,10 @@ const std::vector<FilterCase>& FilterCases() {
           {"elliptical", "on"}}},
         {"gauss", 1000566, {{"radius_x", "2.5"}}},
         {"gauss", 1000566, {{"link", "0"}, {"radius_y", "1"}, {"radius_x", "3.25"}}},
+        {"whirl",
+         1000562,
+         {{"angle", "-135"}, {"pinch", "40"}, {"radius", "150"}},
+         {"--threads", "2"}},
         {"iirblur", 1000553, {{"link", "0"}, {"radius_x", "3"}, {"radius_y", "1"}}},
         {"unsharp", 1000574, {{"radius", "1.5"}, {"amount", "250"}, {"threshold", "2.5"}}},
         {"selectivegauss", 1000578, {{"radius", "2.5"}, {"threshold", "30"}}},
@@ -123,15 +132,17 @@ TEST_F(Cli, EveryFilterGivesWhatTheModuleGivesAndItsPresetGivesItAgain) {
             const std::string tile = std::to_string(kTile) + "x" + std::to_string(kTile);
             std::vector<GadgetChange> changes = filter.changes;
             changes.push_back({"border_wrap", wrap ? "1" : "0"});
-            const Image set = applied(Arguments(
-                {filter.key, in, out, "--border", border, "--tile", tile, "--save-preset", preset},
-                filter.changes));
+            std::vector<std::string> args{
+                filter.key, in, out, "--border", border, "--tile", tile, "--save-preset", preset};
+            args.insert(args.end(), filter.options.begin(), filter.options.end());
+            const Image set = applied(Arguments(args, filter.changes));
             EXPECT_TRUE(Same(set, InProcessResult(filter.plugin_id, image, changes)));
             EXPECT_FALSE(Same(set, image));
             if (i != 1) continue;
-            EXPECT_TRUE(Same(applied({filter.key, in, path("again" + ext).string(), "--preset",
-                                      preset, "--border", border, "--tile", tile}),
-                             set));
+            EXPECT_TRUE(
+                Same(applied({filter.key, in, path("again" + ext).string(), "--preset", preset,
+                              "--border", border, "--tile", tile, "--threads", "1"}),
+                     set));
         }
 }
 
@@ -243,6 +254,35 @@ TEST_F(Cli, NoiseHasTheSpreadOfTheAmountOnEveryFileType) {
             }
         }
     }
+}
+
+// Ctrl-C while a Whirl runs cancels its jobs: the run ends with the
+// interrupted status and writes nothing. An earlier signal finds it still
+// reading (and ends it), so the delay grows until one finds it filtering; a
+// run that finished first means the signals came too late. One worker, a
+// small tile grid and a pinch make the filtering the longest part of a run.
+TEST_F(Cli, CtrlCDuringAWhirlLeavesNoOutput) {
+    const Image image = RandomImage({2400, 2400, 3, ComponentType::U8, false}, 7);
+    const std::string in = input("in.tif", image);
+    const std::string out = path("out.tif").string();
+    bool stopped_filtering = false;
+    for (int delay_ms = 300; delay_ms < 8000 && !stopped_filtering; delay_ms += 80) {
+        SCOPED_TRACE(std::to_string(delay_ms) + " ms");
+        std::filesystem::remove(out);
+        const pid_t pid = start({"apply", "whirl", in, out, "--set", "angle=300", "--set",
+                                 "pinch=50", "--threads", "1", "--tile", "16x16", "-q"});
+        ASSERT_GT(pid, 0);
+        usleep(delay_ms * 1000);
+        kill(pid, SIGINT);
+        const Outcome result = finish(pid);
+        if (result.status == 0) break;  // done before the signal came
+        EXPECT_TRUE(result.status == 130 || result.status == 1000 + SIGINT)
+            << result.status << " " << result.err;
+        EXPECT_FALSE(std::filesystem::exists(out));
+        EXPECT_EQ(FolderContents(dir_.path()).size(), 1u);
+        stopped_filtering = result.err.find("stopped by the user") != std::string::npos;
+    }
+    EXPECT_TRUE(stopped_filtering);
 }
 
 }  // namespace

@@ -52,7 +52,7 @@ const std::map<std::string_view, Expected>& ExpectedStatuses() {
              {"matrix", "emboss", "sharpen", "smooth", "difference", "details", "structures"})
             rows[key] = kConvolution;
         for (const char* key : {"motionblur", "radialblur", "lens", "waves", "spread", "noise",
-                                "oilify", "despeckle"})
+                                "oilify", "despeckle", "whirl"})
             rows[key] = kRows;
         for (const char* key : {"gamma", "hsl", "threshold"}) rows[key] = kTiled;
         rows["invert"] = {{-2, 0}, {-2, 0}, {}, {}};
