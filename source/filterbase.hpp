@@ -238,12 +238,13 @@ struct RowRun {
 // Runs `rows(TypeTag<T>{}, run)` over `area` (the info's area when null) with
 // a destination fetcher (access 514, preset to `tile` when given) and, for a
 // non-zero `source_access`, a source fetcher over the same columns; both pass
-// `border_mode` to the host. 2 when a fetcher cannot be made or the component
-// type is not supported; otherwise the worker's status, with the fetchers
-// freed in discard mode unless it is 0, so nothing of a failed run is written.
+// `border_mode` to the host. `no_fetcher` when a fetcher cannot be made (2 for
+// the noise family, -2 for Selective Gauss), 2 when the component type is not
+// supported; otherwise the worker's status, with the fetchers freed in discard
+// mode unless it is 0, so nothing of a failed run is written.
 template <class Rows>
 int32_t ApplyRows(BM_INFO* info, const RECT32* area, BM_TILE* tile, BaseThread* thread,
-                  uint32_t border_mode, uint32_t source_access, Rows&& rows) {
+                  uint32_t border_mode, uint32_t source_access, int32_t no_fetcher, Rows&& rows) {
     RECT32 work = area ? *area : info->area;
     if (tile) {  // a preview never reaches outside its tile
         work.x1 = std::max(work.x1, tile->rect.x1);
@@ -255,10 +256,10 @@ int32_t ApplyRows(BM_INFO* info, const RECT32* area, BM_TILE* tile, BaseThread* 
         source_access == 0 ? nullptr
                            : kpx::CreateLineFetcher(info, work.x1, work.x2, border_mode,
                                                     source_access, nullptr, kpx::kFetchNotify));
-    if (source_access != 0 && !source) return KPX_WORKER_STOPPED;
+    if (source_access != 0 && !source) return no_fetcher;
     FetcherLease dest(kpx::CreateLineFetcher(info, work.x1, work.x2, border_mode, KPX_TILE_WRITE,
                                              tile, kpx::kFetchNotify));
-    if (!dest) return KPX_WORKER_STOPPED;
+    if (!dest) return no_fetcher;
     const kpx::String caption = LoadResourceString(kProgressCaption);
     const int32_t status = WithComponentType(
         info->colour_mode,

@@ -435,7 +435,7 @@ int32_t DespeckleRows(const RowRun& run, const DespeckleSettings& settings) {
 int32_t DespeckleArea(BM_INFO* info, const RECT32* area, BM_TILE* tile,
                       const DespeckleSettings& settings, bool, BaseThread* thread) {
     return ApplyRows(
-        info, area, tile, thread, settings.border_mode, KPX_TILE_SCRATCH,
+        info, area, tile, thread, settings.border_mode, KPX_TILE_SCRATCH, KPX_WORKER_STOPPED,
         [&]<class T>(TypeTag<T>, const RowRun& run) { return DespeckleRows<T>(run, settings); });
 }
 

@@ -122,7 +122,7 @@ int32_t NoiseRows(const RowRun& run, const NoiseSettings& settings) {
 int32_t NoiseArea(BM_INFO* info, const RECT32* area, BM_TILE* tile, const NoiseSettings& settings,
                   bool, BaseThread* thread) {
     return ApplyRows(
-        info, area, tile, thread, settings.border_mode, KPX_TILE_READ,
+        info, area, tile, thread, settings.border_mode, KPX_TILE_READ, KPX_WORKER_STOPPED,
         [&]<class T>(TypeTag<T>, const RowRun& run) { return NoiseRows<T>(run, settings); });
 }
 

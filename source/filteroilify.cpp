@@ -193,7 +193,7 @@ int32_t OilifyArea(BM_INFO* info, const RECT32* area, BM_TILE* tile, const Oilif
                    bool, BaseThread* thread) {
     const kpx::PixelRootOwner root(info, settings.border_mode);
     if (!root) return KPX_WORKER_STOPPED;
-    return ApplyRows(info, area, tile, thread, settings.border_mode, 0,
+    return ApplyRows(info, area, tile, thread, settings.border_mode, 0, KPX_WORKER_STOPPED,
                      [&]<class T>(TypeTag<T>, const RowRun& run) {
                          return OilifyRows<T>(run, root.get(), settings);
                      });

@@ -338,7 +338,7 @@ int32_t ApplySelectiveGauss(BM_INFO* info, const RECT32* area, BM_TILE* tile,
                             const SelectiveGaussSettings& settings, bool, BaseThread* thread) {
     const QuarterKernel kernel(settings.radius);
     if (!kernel) return KPX_NO_MEMORY;
-    return ApplyRows(info, area, tile, thread, settings.border_mode, 0,
+    return ApplyRows(info, area, tile, thread, settings.border_mode, 0, KPX_NO_MEMORY,
                      [&]<class T>(TypeTag<T>, const RowRun& run) {
                          return SelectiveRows<T>(run, kernel, settings);
                      });
