@@ -52,9 +52,12 @@ const std::map<std::string_view, Expected>& ExpectedStatuses() {
              {"matrix", "emboss", "sharpen", "smooth", "difference", "details", "structures"})
             rows[key] = kConvolution;
         for (const char* key : {"motionblur", "radialblur", "lens", "waves", "spread", "noise",
-                                "oilify", "despeckle", "whirl"})
+                                "oilify", "despeckle"})
             rows[key] = kRows;
         for (const char* key : {"gamma", "hsl", "threshold"}) rows[key] = kTiled;
+        // Its workers take their own allocations and tiles, so how many a run
+        // makes varies and a point near the end may not be reached.
+        rows["whirl"] = {{-2, 0}, {-2, 0}, {2}, {}};
         rows["invert"] = {{-2, 0}, {-2, 0}, {}, {}};
         rows["pixelize"] = {{}, {-2, 0}, {}, {}};
         for (const char* key : {"gauss", "iirblur", "unsharp", "selectivegauss"})
