@@ -1,31 +1,9 @@
 #include "describe.hpp"
 
 #include <algorithm>
-#include <charconv>
-#include <cmath>
-#include <numbers>
 
 namespace bf::cli {
 namespace {
-
-// Six decimals hide the last bits of a conversion (radians to degrees);
-// adding 0 turns a rounded -0 into 0.
-double Rounded(double value) {
-    return std::round(value * 1e6) / 1e6 + 0.0;
-}
-
-// What a person types: min, max and step. Check boxes take 0 or 1 and
-// choices an index, whatever limits the module gave them.
-struct TypedRange {
-    double min = 0, max = 0, step = 0;
-};
-
-TypedRange RangeOf(const GadgetInfo& gadget) {
-    if (gadget.kind == "check") return {0, 1, 1};
-    if (gadget.kind == "choice") return {0, double(gadget.choices.size()) - 1, 1};
-    return {TypedValue(gadget, gadget.min), TypedValue(gadget, gadget.max),
-            TypedValue(gadget, gadget.step)};
-}
 
 std::string ChoicesText(const std::vector<std::string>& choices) {
     std::string text;
@@ -38,7 +16,7 @@ std::string ChoicesText(const std::vector<std::string>& choices) {
 std::vector<std::string> GadgetCells(const GadgetInfo& gadget) {
     std::vector<std::string> cells = {std::to_string(gadget.id), gadget.name, gadget.kind};
     if (!gadget.has_value) return cells;
-    const TypedRange range = RangeOf(gadget);
+    const TypedRange range = TypedRangeOf(gadget);
     const std::string unit = Unit(gadget);
     cells.push_back(NumberText(range.min) + ".." + NumberText(range.max) + unit);
     cells.push_back("step " + NumberText(range.step) + unit);
@@ -75,24 +53,6 @@ std::string AlignedLines(const std::vector<std::vector<std::string>>& rows) {
 
 }  // namespace
 
-double TypedValue(const GadgetInfo& gadget, double held) {
-    if (gadget.format == KPX_FORMAT_DEGREE) return held * (180 / std::numbers::pi);
-    if (gadget.format == KPX_FORMAT_PERCENT) return held * 100;
-    return held;
-}
-
-std::string Unit(const GadgetInfo& gadget) {
-    if (gadget.format == KPX_FORMAT_DEGREE) return "°";
-    if (gadget.format == KPX_FORMAT_PERCENT) return "%";
-    return "";
-}
-
-std::string NumberText(double value) {
-    char text[32];
-    const auto result = std::to_chars(text, text + sizeof text, Rounded(value));
-    return std::string(text, result.ptr);
-}
-
 std::string DescriptionText(const FilterDescription& description) {
     std::string text = description.key + " (" + description.name + "): settings code " +
                        description.code + ", blob " + std::to_string(description.blob_size) +
@@ -112,12 +72,12 @@ nlohmann::ordered_json DescriptionJson(const FilterDescription& description) {
                                        {"kind", gadget.kind},
                                        {"label", gadget.label}};
         if (gadget.has_value) {
-            const TypedRange range = RangeOf(gadget);
-            item["min"] = Rounded(range.min);
-            item["max"] = Rounded(range.max);
-            item["step"] = Rounded(range.step);
+            const TypedRange range = TypedRangeOf(gadget);
+            item["min"] = RoundedTyped(range.min);
+            item["max"] = RoundedTyped(range.max);
+            item["step"] = RoundedTyped(range.step);
             item["unit"] = Unit(gadget);
-            item["default"] = Rounded(TypedValue(gadget, gadget.value));
+            item["default"] = RoundedTyped(TypedValue(gadget, gadget.value));
         }
         if (gadget.kind == "choice") item["choices"] = gadget.choices;
         gadgets.push_back(std::move(item));

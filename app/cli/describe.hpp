@@ -23,14 +23,6 @@ struct FilterDescription {
     std::vector<GadgetInfo> gadgets;  // on default settings, as the dialog set them up
 };
 
-// A value the gadget holds (radians, fractions) as a person types it:
-// degrees for degree fields, percent for percent fields.
-double TypedValue(const GadgetInfo& gadget, double held);
-// "°", "%" or "".
-std::string Unit(const GadgetInfo& gadget);
-// A number as a person would type it: at most six decimals, no trailing zeros.
-std::string NumberText(double value);
-
 // A header line, then one aligned line per gadget.
 std::string DescriptionText(const FilterDescription& description);
 // One object; its keys keep the order a reader wants: the filter, then its gadgets.

@@ -1,14 +1,10 @@
-// layout.cpp - dialog layouts read from the module's resource folder, and
-// gadget values as a person types them.
+// layout.cpp - dialog layouts read from the module's resource folder.
 #include "internal.hpp"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <charconv>
-#include <cmath>
 #include <fstream>
-#include <numbers>
 #include <stdexcept>
 
 namespace bf {
@@ -17,28 +13,6 @@ namespace {
 
 constexpr std::string_view kKinds[] = {"real",  "integer", "percent", "degree",
                                        "check", "choice",  "group",   "userarea"};
-
-std::string Lower(std::string_view text) {
-    std::string out(text);
-    std::transform(out.begin(), out.end(), out.begin(),
-                   [](unsigned char c) { return char(std::tolower(c)); });
-    return out;
-}
-
-std::string_view Trim(std::string_view text) {
-    const auto first = text.find_first_not_of(" \t");
-    if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
-std::optional<double> Number(std::string_view text) {
-    double value = 0;
-    const char* end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, value);
-    if (text.empty() || error != std::errc() || stop != end || !std::isfinite(value))
-        return std::nullopt;
-    return value;
-}
 
 DialogGadget ReadGadget(const nlohmann::json& json) {
     DialogGadget g;
@@ -103,41 +77,6 @@ DialogLayout ReadLayout(const std::filesystem::path& folder, int32_t id) {
         throw std::runtime_error("dialog layout " + file.string() + ": " + e.what());
     }
     return layout;
-}
-
-double ParseTypedValue(const DialogGadget& gadget, std::string_view typed) {
-    const GadgetInfo& info = gadget.info;
-    const std::string_view text = Trim(typed);
-    const std::string kind = gadget.Kind();
-    if (gadget.holds == DialogGadget::Holds::Nothing)
-        throw std::invalid_argument("gadget '" + info.name + "' holds no value");
-
-    if (kind == "check" || gadget.holds == DialogGadget::Holds::Bool) {
-        const std::string word = Lower(text);
-        if (word == "1" || word == "true" || word == "on" || word == "yes") return 1;
-        if (word == "0" || word == "false" || word == "off" || word == "no") return 0;
-        throw std::invalid_argument("check box '" + info.name + "' takes 0 or 1, not '" +
-                                    std::string(typed) + "'");
-    }
-
-    std::optional<double> value = Number(text);
-    if (!value && kind == "choice") {
-        // A choice may also be named by its label.
-        for (std::size_t i = 0; i < info.choices.size(); ++i)
-            if (Lower(info.choices[i]) == Lower(text)) value = double(i);
-    }
-    if (!value)
-        throw std::invalid_argument("gadget '" + info.name + "' takes a number, not '" +
-                                    std::string(typed) + "'");
-
-    double v = *value;
-    if (gadget.holds == DialogGadget::Holds::Real) {
-        if (kind == "percent") v /= 100;
-        if (kind == "degree") v *= std::numbers::pi / 180;
-    } else {
-        v = std::round(v);
-    }
-    return std::clamp(v, info.min, std::max(info.min, info.max));
 }
 
 }  // namespace bf

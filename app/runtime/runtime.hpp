@@ -386,6 +386,25 @@ struct DialogScript {
 int32_t RunDialog(const BitmapFilterDescriptor& filter, Document& document, Settings& settings,
                   const DialogScript& script, std::vector<GadgetInfo>* gadgets = nullptr);
 
+// ---- typed values ----------------------------------------------------------------
+
+// A value the gadget holds (radians, fractions) as a person types it:
+// degrees for degree fields, percent for percent fields.
+double TypedValue(const GadgetInfo& gadget, double held);
+// What a person types: min, max and step. Check boxes take 0 or 1 and
+// choices an index, whatever limits the module gave them.
+struct TypedRange {
+    double min = 0, max = 0, step = 0;
+};
+TypedRange TypedRangeOf(const GadgetInfo& gadget);
+// "°", "%" or "".
+std::string Unit(const GadgetInfo& gadget);
+// Six decimals hide the last bits of a conversion (radians to degrees); a
+// rounded -0 becomes 0.
+double RoundedTyped(double value);
+// A number as a person would type it: at most six decimals, no trailing zeros.
+std::string NumberText(double value);
+
 // The module's shared preferences (container 1000001): key 5 border mode 2,
 // key 6 preview shown. In memory unless a file is set, then loaded from and
 // saved to it. Setting a file replaces what the store held with the file's

@@ -2,7 +2,18 @@
 
 #include <charconv>
 
-namespace bf::cli {
+namespace bf {
+
+std::string_view FamilyName(FilterFamily family) {
+    switch (family) {
+        case FilterFamily::Tonal: return "tonal";
+        case FilterFamily::Convolution: return "convolution";
+        case FilterFamily::Blur: return "blur";
+        case FilterFamily::Distortion: return "distortion";
+        case FilterFamily::NoiseAndCleanUp: return "noise and clean-up";
+    }
+    return "";
+}
 
 const FilterKey* FindFilterById(int32_t plugin_id) {
     for (const FilterKey& filter : kFilterKeys)
@@ -29,4 +40,4 @@ std::string FilterKeyList() {
     return list;
 }
 
-}  // namespace bf::cli
+}  // namespace bf
