@@ -190,11 +190,13 @@ struct DialogRunState {
     TestSettings fields;
     int32_t layout = kLayout;
     std::unique_ptr<TestDialog> dialog;  // kept for the test to look at
+    std::thread::id dialog_thread;       // the thread Execute ran on
 };
 DialogRunState* g_run = nullptr;
 
 int32_t Execute(void*, BM_INFO* info, void*, uint8_t show_dialog) {
     if (!show_dialog || !info) return 1;
+    g_run->dialog_thread = std::this_thread::get_id();
     g_run->dialog = std::make_unique<TestDialog>(info, g_run->fields, g_run->layout);
     return g_run->dialog->Open() ? 0 : 1;
 }
@@ -345,7 +347,7 @@ TEST_F(DialogTest, PreviewIsDrawnOnTheDialogThreadFromAScaledCopy) {
     ASSERT_EQ(RunWith(script, &gadgets), 0);
     // Shown once, then the thread's redraws after InitValues and the change.
     EXPECT_GE(observed_draws, 2);
-    EXPECT_EQ(run_.dialog->draw_thread, std::this_thread::get_id());
+    EXPECT_EQ(run_.dialog->draw_thread, run_.dialog_thread);
     EXPECT_FALSE(run_.dialog->wrote_image);
 
     Image expected({12, 8, 1, ComponentType::U8, false});

@@ -170,6 +170,82 @@ TEST(Layers, DroppedApplicationLeavesTheDocumentAsItWas) {
     EXPECT_FALSE(document.can_undo());
 }
 
+// Fills the whole document with one value in one committed application.
+void CommitFilled(Document& document, uint8_t value) {
+    Application app(document);
+    const ImageFormat& f = document.format();
+    WriteValue(app.info(), {0, 0, f.width, f.height}, value);
+    app.commit();
+}
+
+bool FilledWith(const Document& document, uint8_t value) {
+    const Image image = document.image();
+    return std::all_of(image.pixels.begin(), image.pixels.end(),
+                       [&](std::byte b) { return b == std::byte{value}; });
+}
+
+// Steps go back and forth exactly; a new application drops what could be redone.
+TEST(Undo, StepsGoBackAndForthAndANewStepDropsTheRedo) {
+    const Image before = Numbered(8, 8);
+    Document document(before, 4, 4);
+    for (uint8_t value : {1, 2, 3}) CommitFilled(document, value);
+    EXPECT_EQ(document.undo_steps(), 3);
+    document.undo();
+    document.undo();
+    EXPECT_TRUE(FilledWith(document, 1));
+    EXPECT_EQ(document.redo_steps(), 2);
+    document.redo();
+    EXPECT_TRUE(FilledWith(document, 2));
+    document.undo();
+    document.undo();
+    EXPECT_EQ(document.image().pixels, before.pixels);
+    EXPECT_FALSE(document.can_undo());
+    document.undo();  // nothing to undo: nothing changes
+    EXPECT_EQ(document.image().pixels, before.pixels);
+    for (int i = 0; i < 3; ++i) document.redo();
+    EXPECT_TRUE(FilledWith(document, 3));
+    EXPECT_FALSE(document.can_redo());
+
+    document.undo();
+    CommitFilled(document, 9);
+    EXPECT_FALSE(document.can_redo());
+    EXPECT_EQ(document.undo_steps(), 3);
+    document.undo();
+    EXPECT_TRUE(FilledWith(document, 2));
+}
+
+// The steps kept stay within the memory bound, oldest dropped first; the
+// newest undo step survives any bound. An application that wrote nothing
+// shares the content and costs nothing.
+TEST(Undo, StepsStayWithinTheMemoryBound) {
+    Document document(Numbered(16, 16), 8, 8);  // 256 bytes a layer
+    document.set_undo_limit(600);
+    for (uint8_t value : {1, 2, 3, 4, 5}) CommitFilled(document, value);
+    EXPECT_EQ(document.undo_steps(), 2);
+    EXPECT_LE(document.undo_bytes(), 600u);
+    document.undo();
+    document.undo();
+    EXPECT_TRUE(FilledWith(document, 3));
+    EXPECT_FALSE(document.can_undo());
+
+    document.set_undo_limit(0);
+    EXPECT_EQ(document.undo_steps(), 0);  // only redo steps were left: all dropped
+    EXPECT_EQ(document.redo_steps(), 0);
+    CommitFilled(document, 6);
+    CommitFilled(document, 7);
+    EXPECT_EQ(document.undo_steps(), 1);
+    document.undo();
+    EXPECT_TRUE(FilledWith(document, 6));
+
+    document.set_undo_limit(Document::kDefaultUndoLimit);
+    {
+        Application app(document);
+        app.commit();  // nothing written
+    }
+    EXPECT_TRUE(document.can_undo());
+    EXPECT_EQ(document.undo_bytes(), 0u);
+}
+
 TEST(Layers, OnlyWritableTilesReachTheDestination) {
     const Image before = Numbered(8, 8);
     Document document(before, 4, 4);

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 namespace bf {
@@ -72,8 +73,12 @@ std::vector<std::byte> Settings::to_blob() const {
     return out;
 }
 
-int32_t ApplyFilter(const BitmapFilterDescriptor& filter, Document& document, Settings& settings) {
-    Application application(document);
+int32_t ApplyFilter(const BitmapFilterDescriptor& filter, Document& document, Settings& settings,
+                    std::shared_ptr<RunControl> control) {
+    if (!control) control = CurrentRun().control;
+    std::optional<RunScope> run;
+    if (control != CurrentRun().control) run.emplace(RunContext{control, CurrentRun().activity});
+    Application application(document, control);
     BM_INFO* info = application.info();
     void* ctx = CallbackContext();
     if (int32_t prepared = filter.PrepareApply(ctx, info, settings.get()); prepared != KPX_OK)

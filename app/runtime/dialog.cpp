@@ -1,10 +1,12 @@
 // dialog.cpp - the host's dialogs: gadgets built from a layout, values with
 // their ranges, groups of run-time gadgets, user areas with redraws from any
-// thread, preview bitmaps, and the headless run of a modal dialog.
+// thread, preview bitmaps, dialog sessions and the headless run over them.
 #include "internal.hpp"
 
 #include <chrono>
 #include <cstring>
+#include <deque>
+#include <future>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -16,6 +18,7 @@
 // `drawn` is written by DrawTile and read by the snapshot.
 struct KPX_USERAREA {
     KPX_USERAREA_CALLBACKS callbacks{};
+    std::shared_ptr<bf::Activity> activity;  // the dialog's, which a redraw wakes
     int32_t gadget = 0;
     int32_t width = 0, height = 0;
     std::atomic<bool> pending{false};
@@ -27,6 +30,8 @@ struct KPX_USERAREA {
 // dialog's thread.
 struct KPX_DIALOG {
     KPX_DIALOG_CALLBACKS callbacks{};
+    std::shared_ptr<bf::Activity> activity;       // of the run that created it
+    bf::DialogSession::State* session = nullptr;  // while a session shows it
     std::vector<bf::DialogGadget> gadgets;
     std::map<int32_t, std::unique_ptr<KPX_USERAREA>> areas;
     std::string layout_error;  // why the last LoadLayout failed
@@ -39,15 +44,6 @@ namespace {
 Host::Impl& State() {
     return Host::Get().impl();
 }
-
-// What RunDialog hands the next OpenModal on its thread, and what it gets back.
-struct DialogRun {
-    const DialogScript* script = nullptr;
-    std::vector<GadgetInfo> gadgets;
-    std::string failure;  // the dialog could not be built
-    std::exception_ptr error;
-};
-thread_local DialogRun* t_run = nullptr;
 
 // The images of dialogs run for a host without an image view, for the whole
 // of the filter's Execute: the module asks for its view bitmap while the
@@ -134,18 +130,14 @@ bool AnyPending(const KPX_DIALOG& dialog) {
     return false;
 }
 
-void DrawPending(KPX_DIALOG& dialog) {
-    for (const auto& [id, area] : dialog.areas)
-        if (area->pending.exchange(false) && area->callbacks.Draw)
-            area->callbacks.Draw(area->callbacks.self, area->width, area->height);
-}
+void DrawPending(KPX_DIALOG& dialog);
 
-// Draws what was asked for; with `wait`, also waits for the running host
-// threads to end, drawing their redraws as they come.
+// Draws what was asked for; with `wait`, also waits for the dialog's running
+// host threads to end, drawing their redraws as they come.
 void Settle(KPX_DIALOG& dialog, bool wait) {
     constexpr auto kPatience = std::chrono::seconds(30);
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    Activity& activity = HostActivity();
+    Activity& activity = *dialog.activity;
     for (;;) {
         DrawPending(dialog);
         if (!wait) return;
@@ -159,7 +151,7 @@ void Settle(KPX_DIALOG& dialog, bool wait) {
     }
 }
 
-// ---- the headless script ----
+// ---- changes as a person types them ----
 
 DialogGadget& Named(KPX_DIALOG& dialog, const std::string& name) {
     for (DialogGadget& g : dialog.gadgets)
@@ -171,15 +163,105 @@ DialogGadget& Named(KPX_DIALOG& dialog, const std::string& name) {
     throw UnknownGadget(name, "no gadget '" + name + "' in this dialog; gadgets: " + names);
 }
 
-void RunScript(KPX_DIALOG& dialog, const DialogScript& script) {
-    for (const GadgetChange& change : script.changes) {
-        DialogGadget& g = Named(dialog, change.gadget);
-        g.info.value = ParseTypedValue(g, change.value);
-        const int32_t id = g.info.id;  // Command may rebuild the gadget list
-        dialog.callbacks.Command(dialog.callbacks.self, id);
-        Settle(dialog, script.wait_for_previews);
-        if (script.observer) script.observer(Snapshot(dialog));
+void Change(KPX_DIALOG& dialog, const std::string& gadget, const std::string& value) {
+    DialogGadget& g = Named(dialog, gadget);
+    g.info.value = ParseTypedValue(g, value);
+    const int32_t id = g.info.id;  // Command may rebuild the gadget list
+    dialog.callbacks.Command(dialog.callbacks.self, id);
+}
+
+}  // namespace
+
+// ---- sessions ----
+
+// A session's dialog thread runs Execute; the module's OpenModal on that
+// thread shows the dialog and then runs the tasks the session's callers hand
+// it, and draws what the module asks to redraw, until the session closes it.
+// The fields below the mutex line are under activity->mutex.
+struct DialogSession::State {
+    const BitmapFilterDescriptor* filter = nullptr;
+    Document* document = nullptr;
+    Settings* settings = nullptr;
+    Options options;
+    std::shared_ptr<RunControl> control;
+    std::shared_ptr<Activity> activity = std::make_shared<Activity>();
+    std::thread thread;
+    std::atomic<const BM_INFO*> image{nullptr};  // the dialog's view of the document
+
+    enum class Phase : uint8_t { Opening, Open, Closed };
+    Phase phase = Phase::Opening;
+    std::deque<std::function<void(KPX_DIALOG&)>> tasks;
+    bool close = false;
+    bool confirm = false;
+    int32_t result = 1;
+    std::string failure;              // why the dialog could not be built
+    std::vector<GadgetInfo> closing;  // the gadgets as they stood when it closed
+
+    // Runs `work` on the dialog's thread and waits for it; its exception comes back.
+    void run(const std::function<void(KPX_DIALOG&)>& work);
+};
+
+namespace {
+
+// The session whose dialog thread this is, for OpenModal and the preview
+// bitmaps the module creates on it.
+thread_local std::weak_ptr<DialogSession::State> t_session;
+
+// The live sessions, so that the module's notice for an image reaches its own.
+struct SessionList {
+    std::mutex mutex;
+    std::vector<std::weak_ptr<DialogSession::State>> live;
+};
+
+SessionList& Sessions() {
+    static SessionList* sessions = new SessionList;  // module threads may outlive statics
+    return *sessions;
+}
+
+void DrawPending(KPX_DIALOG& dialog) {
+    for (const auto& [id, area] : dialog.areas) {
+        if (!area->pending.exchange(false) || !area->callbacks.Draw) continue;
+        area->callbacks.Draw(area->callbacks.self, area->width, area->height);
+        if (!dialog.session || !dialog.session->options.preview_ready) continue;
+        std::optional<Image> drawn;
+        {
+            std::lock_guard lock(area->mutex);
+            drawn = area->drawn;
+        }
+        if (drawn) dialog.session->options.preview_ready(id, *drawn);
     }
+}
+
+// Shows a session's dialog until the session closes it: the first draws,
+// then tasks and redraws as they come.
+bool RunSession(KPX_DIALOG& dialog, DialogSession::State& session) {
+    Activity& activity = *dialog.activity;
+    dialog.session = &session;
+    for (const auto& [id, area] : dialog.areas) area->pending = true;  // shown
+    Settle(dialog, session.options.wait_for_previews);
+    std::unique_lock lock(activity.mutex);
+    session.phase = DialogSession::State::Phase::Open;
+    activity.changed.notify_all();
+    for (;;) {
+        activity.changed.wait(
+            lock, [&] { return !session.tasks.empty() || session.close || AnyPending(dialog); });
+        if (!session.tasks.empty()) {
+            std::function<void(KPX_DIALOG&)> task = std::move(session.tasks.front());
+            session.tasks.pop_front();
+            lock.unlock();
+            task(dialog);
+            lock.lock();
+        } else if (AnyPending(dialog)) {
+            lock.unlock();
+            DrawPending(dialog);
+            lock.lock();
+        } else {
+            break;
+        }
+    }
+    session.closing = Snapshot(dialog);
+    dialog.session = nullptr;
+    return session.confirm;
 }
 
 // ---- the operations ----
@@ -191,6 +273,7 @@ KPX_DIALOG* DialogCreate(const KPX_DIALOG_CALLBACKS* callbacks) noexcept {
     try {
         auto* dialog = new KPX_DIALOG;
         dialog->callbacks = *callbacks;
+        dialog->activity = CurrentRun().activity;
         ++State().live_objects;
         return dialog;
     } catch (...) {
@@ -205,42 +288,36 @@ void DialogFree(KPX_DIALOG* dialog) noexcept {
     --State().live_objects;
 }
 
-// CreateLayout, InitValues, a first draw of every user area, then the script
-// RunDialog installed (none: confirm at once). A failure cancels; RunDialog
-// reports it.
+// CreateLayout, InitValues, a first draw of every user area; then, on a
+// session's thread, the session's tasks until it closes the dialog, else
+// confirm at once. A failure cancels; the session reports it.
 uint8_t OpenModal(KPX_DIALOG* dialog, int32_t x, int32_t y) noexcept {
     State().record("OpenModal", {x, y});
     if (!dialog) return 0;
-    DialogRun* run = std::exchange(t_run, nullptr);
+    std::shared_ptr<DialogSession::State> session = t_session.lock();
+    if (session && session->phase != DialogSession::State::Phase::Opening) session = nullptr;
     const KPX_DIALOG_CALLBACKS& c = dialog->callbacks;
-    bool confirmed = false;
     try {
         if (!c.CreateLayout(c.self)) {
-            if (run)
-                run->failure = dialog->layout_error.empty() ? "the module did not build its layout"
-                                                            : dialog->layout_error;
+            if (session)
+                session->failure = dialog->layout_error.empty()
+                                       ? "the module did not build its layout"
+                                       : dialog->layout_error;
             return 0;
         }
         if (!c.InitValues(c.self)) {
-            if (run) run->failure = "the module could not set the dialog's values";
+            if (session) session->failure = "the module could not set the dialog's values";
             return 0;
         }
+        if (session) return RunSession(*dialog, *session);
         for (const auto& [id, area] : dialog->areas) area->pending = true;  // shown
-        const bool wait = !run || run->script->wait_for_previews;
-        Settle(*dialog, wait);
-        if (run) RunScript(*dialog, *run->script);
-        Settle(*dialog, wait);
-        confirmed = !run || run->script->confirm;
+        Settle(*dialog, true);
+        return 1;
     } catch (...) {
-        if (run) run->error = std::current_exception();
+        dialog->session = nullptr;
+        if (session && session->failure.empty()) session->failure = "the dialog failed";
+        return 0;
     }
-    if (run) {
-        try {
-            run->gadgets = Snapshot(*dialog);
-        } catch (...) {
-        }
-    }
-    return confirmed;
 }
 
 uint8_t LoadLayout(KPX_DIALOG* dialog, KPX_STRINGTABLE* resources, int32_t layout_id) noexcept {
@@ -361,6 +438,7 @@ KPX_USERAREA* AttachUserArea(KPX_DIALOG* dialog, int32_t gadget,
         auto& area = dialog->areas[gadget];
         if (!area) area = std::make_unique<KPX_USERAREA>();
         area->callbacks = *callbacks;
+        area->activity = dialog->activity;
         area->gadget = gadget;
         area->width = g->width;
         area->height = g->height;
@@ -375,7 +453,7 @@ void Redraw(KPX_USERAREA* area) noexcept {
     State().record("Redraw", {area ? area->gadget : 0});
     if (!area) return;
     area->pending = true;
-    Activity& activity = HostActivity();
+    Activity& activity = *area->activity;
     { std::lock_guard lock(activity.mutex); }
     activity.changed.notify_all();
 }
@@ -417,6 +495,8 @@ void DrawTile(KPX_USERAREA* area, const BM_INFO* info, const BM_TILE* tile) noex
 struct PreviewBitmap {
     std::unique_ptr<Document> document;
     std::unique_ptr<Application> application;
+    bool view = false;                            // the image-view bitmap
+    std::weak_ptr<DialogSession::State> session;  // the session it was created in
 };
 
 struct PreviewBitmaps {
@@ -425,8 +505,8 @@ struct PreviewBitmaps {
 };
 
 PreviewBitmaps& Bitmaps() {
-    static PreviewBitmaps bitmaps;
-    return bitmaps;
+    static PreviewBitmaps* bitmaps = new PreviewBitmaps;  // module threads may outlive statics
+    return *bitmaps;
 }
 
 // The size of `w` x `h` scaled down to fit `max_w` x `max_h`, keeping the
@@ -438,9 +518,11 @@ std::pair<int32_t, int32_t> FitInside(int64_t w, int64_t h, int64_t max_w, int64
     return {int32_t(std::max<int64_t>(1, (w * max_h + h / 2) / h)), int32_t(max_h)};
 }
 
-// Reads `rect` of the application's image, scaled to w x h, into an image.
-std::optional<Image> Read(Application::State& app, const RECT32& rect, int32_t w, int32_t h) {
-    BM_TILE* tile = ObtainTileFor(app, rect, w, h, KPX_TILE_READ, 0);
+// Reads `rect` of the application's image, scaled to w x h, into an image:
+// the source, or with KPX_EXTRA_READ_DEST what the application wrote so far.
+std::optional<Image> Read(Application::State& app, const RECT32& rect, int32_t w, int32_t h,
+                          uint32_t extra = 0) {
+    BM_TILE* tile = ObtainTileFor(app, rect, w, h, KPX_TILE_READ, extra);
     if (!tile) return std::nullopt;
     ImageFormat format = app.document->format;
     format.width = tile->width;
@@ -480,6 +562,8 @@ BM_INFO* CreatePreviewBitmap(const BM_INFO* image, int32_t max_width, int32_t ma
                                                       app->info.tile_height);
         if (view) bitmap->document->set_area(area);
         bitmap->application = std::make_unique<Application>(*bitmap->document);
+        bitmap->view = view != 0;
+        bitmap->session = t_session;
         BM_INFO* info = bitmap->application->info();
         PreviewBitmaps& bitmaps = Bitmaps();
         std::lock_guard lock(bitmaps.mutex);
@@ -528,20 +612,183 @@ const KPX_DIALOG_API kDialogApi{sizeof(KPX_DIALOG_API),
                                 CreatePreviewBitmap,
                                 FreePreviewBitmap};
 
+// The module wrote the image-view bitmap, or asked for the image to be shown
+// as it is: the session it belongs to hears of it.
+void NotifyViewChanged(const BM_INFO* info) {
+    if (!info) return;
+    std::shared_ptr<DialogSession::State> session;
+    bool filtered = false;
+    {
+        PreviewBitmaps& bitmaps = Bitmaps();
+        std::lock_guard lock(bitmaps.mutex);
+        if (auto found = bitmaps.live.find(info); found != bitmaps.live.end()) {
+            if (!found->second->view) return;
+            session = found->second->session.lock();
+            filtered = true;
+        }
+    }
+    if (!session) {
+        SessionList& sessions = Sessions();
+        std::lock_guard lock(sessions.mutex);
+        for (const auto& weak : sessions.live)
+            if (auto live = weak.lock(); live && live->image == info) session = live;
+    }
+    if (session && session->options.view_changed) {
+        try {
+            session->options.view_changed(filtered);
+        } catch (...) {
+        }
+    }
+}
+
+// ---- DialogSession ----
+
+void DialogSession::State::run(const std::function<void(KPX_DIALOG&)>& work) {
+    std::packaged_task<void(KPX_DIALOG&)> task(work);
+    std::future<void> done = task.get_future();
+    {
+        std::lock_guard lock(activity->mutex);
+        if (phase != Phase::Open || close) throw std::logic_error("the dialog is not open");
+        tasks.push_back([&task](KPX_DIALOG& dialog) { task(dialog); });
+    }
+    activity->changed.notify_all();
+    done.get();
+}
+
+DialogSession::DialogSession(const BitmapFilterDescriptor& filter, Document& document,
+                             Settings& settings, Options options)
+    : state_(std::make_shared<State>()) {
+    State& s = *state_;
+    s.filter = &filter;
+    s.document = &document;
+    s.settings = &settings;
+    s.control = options.control ? options.control : CurrentRun().control;
+    s.options = std::move(options);
+    {
+        SessionList& sessions = Sessions();
+        std::lock_guard lock(sessions.mutex);
+        std::erase_if(sessions.live, [](const auto& weak) { return weak.expired(); });
+        sessions.live.push_back(state_);
+    }
+    // The view is made before the thread starts, so the notices find it.
+    auto view = std::make_shared<DocumentView>(document, s.control);
+    s.image = view->info();
+    s.thread = std::thread([state = state_, view] {
+        const RunScope run({state->control, state->activity});
+        t_session = state;
+        std::optional<NoImageView> viewless;
+        if (!state->options.image_view) viewless.emplace(view->info());
+        int32_t result = 1;
+        try {
+            result =
+                state->filter->Execute(CallbackContext(), view->info(), state->settings->get(), 1);
+        } catch (...) {
+            if (state->failure.empty()) state->failure = "the filter's dialog failed";
+        }
+        t_session.reset();
+        std::lock_guard lock(state->activity->mutex);
+        state->result = result;
+        state->phase = State::Phase::Closed;
+        state->image = nullptr;
+        state->activity->changed.notify_all();
+    });
+    std::unique_lock lock(s.activity->mutex);
+    s.activity->changed.wait(lock, [&] { return s.phase != State::Phase::Opening; });
+    if (s.phase == State::Phase::Closed && !s.failure.empty()) {
+        const std::string failure = s.failure;
+        lock.unlock();
+        s.thread.join();
+        throw std::runtime_error("the dialog could not be built: " + failure);
+    }
+}
+
+DialogSession::~DialogSession() {
+    close(false);
+}
+
+bool DialogSession::is_open() const {
+    std::lock_guard lock(state_->activity->mutex);
+    return state_->phase == State::Phase::Open && !state_->close;
+}
+
+std::vector<GadgetInfo> DialogSession::gadgets() {
+    {
+        std::lock_guard lock(state_->activity->mutex);
+        if (state_->phase == State::Phase::Closed || state_->close) return state_->closing;
+    }
+    std::vector<GadgetInfo> out;
+    state_->run([&](KPX_DIALOG& dialog) { out = Snapshot(dialog); });
+    return out;
+}
+
+void DialogSession::change(const std::string& gadget, const std::string& value) {
+    state_->run([&](KPX_DIALOG& dialog) { Change(dialog, gadget, value); });
+}
+
+void DialogSession::settle(bool wait) {
+    state_->run([&](KPX_DIALOG& dialog) { Settle(dialog, wait); });
+}
+
+std::optional<Image> DialogSession::view_image() const {
+    PreviewBitmaps& bitmaps = Bitmaps();
+    std::lock_guard lock(bitmaps.mutex);
+    for (const auto& [info, bitmap] : bitmaps.live) {
+        if (!bitmap->view || bitmap->session.lock() != state_) continue;
+        Application::State* app = Host::Get().impl().application(info);
+        if (!app) return std::nullopt;
+        return Read(*app, {0, 0, info->width, info->height}, 0, 0, KPX_EXTRA_READ_DEST);
+    }
+    return std::nullopt;
+}
+
+int32_t DialogSession::confirm() {
+    return close(true);
+}
+
+int32_t DialogSession::cancel() {
+    return close(false);
+}
+
+const std::shared_ptr<RunControl>& DialogSession::control() const {
+    return state_->control;
+}
+
+int32_t DialogSession::close(bool confirm) {
+    State& s = *state_;
+    {
+        std::lock_guard lock(s.activity->mutex);
+        if (!s.close && s.phase != State::Phase::Closed) {
+            s.close = true;
+            s.confirm = confirm;
+        }
+    }
+    s.activity->changed.notify_all();
+    if (s.thread.joinable()) s.thread.join();
+    std::lock_guard lock(s.activity->mutex);
+    return s.result;
+}
+
 int32_t RunDialog(const BitmapFilterDescriptor& filter, Document& document, Settings& settings,
                   const DialogScript& script, std::vector<GadgetInfo>* gadgets) {
-    DocumentView view(document);
-    std::optional<NoImageView> viewless;
-    if (!script.image_view) viewless.emplace(view.info());
-    DialogRun run;
-    run.script = &script;
-    t_run = &run;
-    const int32_t result = filter.Execute(CallbackContext(), view.info(), settings.get(), 1);
-    t_run = nullptr;  // the module may not have opened its dialog
-    if (run.error) std::rethrow_exception(run.error);
-    if (!run.failure.empty())
-        throw std::runtime_error("the dialog could not be built: " + run.failure);
-    if (gadgets) *gadgets = std::move(run.gadgets);
+    DialogSession::Options options;
+    options.image_view = script.image_view;
+    options.wait_for_previews = script.wait_for_previews;
+    DialogSession session(filter, document, settings, std::move(options));
+    if (session.is_open()) {
+        try {
+            for (const GadgetChange& change : script.changes) {
+                session.change(change.gadget, change.value);
+                session.settle(script.wait_for_previews);
+                if (script.observer) script.observer(session.gadgets());
+            }
+            session.settle(script.wait_for_previews);
+        } catch (...) {
+            session.cancel();
+            throw;
+        }
+    }
+    const int32_t result = script.confirm ? session.confirm() : session.cancel();
+    if (gadgets) *gadgets = session.gadgets();
     return result;
 }
 

@@ -96,13 +96,85 @@ ImageView Document::view() const {
 }
 
 bool Document::can_undo() const {
-    return impl_->previous != nullptr;
+    return !impl_->undo.empty();
+}
+
+bool Document::can_redo() const {
+    return !impl_->redo.empty();
 }
 
 void Document::undo() {
-    if (!can_undo()) return;
-    impl_->content = std::move(impl_->previous);
-    impl_->previous = nullptr;
+    Impl& d = *impl_;
+    if (d.undo.empty()) return;
+    d.redo.push_back(std::move(d.content));
+    d.content = std::move(d.undo.back());
+    d.undo.pop_back();
+    d.trim_undo();
+}
+
+void Document::redo() {
+    Impl& d = *impl_;
+    if (d.redo.empty()) return;
+    d.undo.push_back(std::move(d.content));
+    d.content = std::move(d.redo.back());
+    d.redo.pop_back();
+    d.trim_undo();
+}
+
+int Document::undo_steps() const {
+    return int(impl_->undo.size());
+}
+
+int Document::redo_steps() const {
+    return int(impl_->redo.size());
+}
+
+std::size_t Document::undo_limit() const {
+    return impl_->undo_limit;
+}
+
+void Document::set_undo_limit(std::size_t bytes) {
+    impl_->undo_limit = bytes;
+    impl_->trim_undo();
+}
+
+namespace {
+
+// The bytes the steps hold: a layer shared with the content or with another
+// step costs nothing more.
+std::size_t StepBytes(const Document::Impl& d) {
+    std::vector<const PixelBytes*> counted{d.content.get()};
+    std::size_t bytes = 0;
+    for (const auto* steps : {&d.undo, &d.redo})
+        for (const LayerPixels& layer : *steps)
+            if (std::find(counted.begin(), counted.end(), layer.get()) == counted.end()) {
+                counted.push_back(layer.get());
+                bytes += layer->size();
+            }
+    return bytes;
+}
+
+}  // namespace
+
+std::size_t Document::undo_bytes() const {
+    return StepBytes(*impl_);
+}
+
+void Document::Impl::push_undo(LayerPixels layer) {
+    undo.push_back(std::move(layer));
+    redo.clear();
+    trim_undo();
+}
+
+// Drops the oldest undo steps first, then the redo steps furthest from the
+// content; the newest undo step stays.
+void Document::Impl::trim_undo() {
+    while (StepBytes(*this) > undo_limit && (undo.size() > 1 || !redo.empty())) {
+        if (undo.size() > 1)
+            undo.erase(undo.begin());
+        else
+            redo.erase(redo.begin());
+    }
 }
 
 // ---- the layers of an application ---------------------------------------------
@@ -329,8 +401,10 @@ namespace {
 // Sets an application's state over the document: a BM_INFO describing it, and
 // a destination that starts as the content. The host then knows the state, so
 // tile requests on its BM_INFO find it.
-void Open(Application::State& s, Document::Impl& doc, bool read_only) {
+void Open(Application::State& s, Document::Impl& doc, bool read_only,
+          std::shared_ptr<RunControl> control) {
     s.document = &doc;
+    s.control = control ? std::move(control) : CurrentRun().control;
     s.source = doc.content;
     s.cells.assign(std::size_t(doc.columns) * doc.rows, Cell::Shared);
     s.read_only = read_only;
@@ -356,10 +430,11 @@ void Close(Application::State& s) {
 
 }  // namespace
 
-Application::Application(Document& document) : state_(std::make_unique<State>()) {
+Application::Application(Document& document, std::shared_ptr<RunControl> control)
+    : state_(std::make_unique<State>()) {
     Document::Impl& doc = document.impl();
     if (doc.open) throw std::logic_error("document already has an open application");
-    Open(*state_, doc, false);
+    Open(*state_, doc, false, std::move(control));
     doc.open = state_.get();
 }
 
@@ -389,10 +464,11 @@ void Application::commit() {
             std::memcpy(copy->data(), s.dest->data(), s.dest->size());
             s.dest = std::move(copy);
         }
-        doc.previous = std::move(doc.content);
+        LayerPixels previous = std::move(doc.content);
         doc.content = s.dest;
+        doc.push_undo(std::move(previous));
     } else {
-        doc.previous = doc.content;  // nothing was written: the same pixels
+        doc.push_undo(doc.content);  // nothing was written: the same pixels
     }
     s.committed = true;
 }
@@ -405,8 +481,8 @@ int Application::live_tiles() const {
 // ---- a dialog's view ---------------------------------------------------------
 
 // Never written: reads of its destination see the content.
-DocumentView::DocumentView(Document& document) {
-    Open(state_, document.impl(), true);
+DocumentView::DocumentView(Document& document, std::shared_ptr<RunControl> control) {
+    Open(state_, document.impl(), true, std::move(control));
 }
 
 DocumentView::~DocumentView() {

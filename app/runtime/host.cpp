@@ -110,9 +110,10 @@ BM_TILE* ObtainTile(BM_INFO* info, const RECT32* rect, int32_t width, int32_t he
         args.insert(args.end(), {width, height, mode, extra});
         h.record("ObtainTile", std::move(args));
     }
-    if (h.refuse_tile() || h.break_requested || !rect) return nullptr;
+    if (h.refuse_tile() || !rect) return nullptr;
     Application::State* app = h.application(info);
-    return app ? ObtainTileFor(*app, *rect, width, height, mode, extra) : nullptr;
+    if (!app || app->control->stopped()) return nullptr;
+    return ObtainTileFor(*app, *rect, width, height, mode, extra);
 }
 
 void ReleaseTile(BM_INFO* info, BM_TILE* tile, uint8_t write_back) noexcept {
@@ -132,8 +133,9 @@ void ReleaseTile(BM_INFO* info, BM_TILE* tile, uint8_t write_back) noexcept {
     }
 }
 
-void NotifyBitmapChanged(BM_INFO*) noexcept {
+void NotifyBitmapChanged(BM_INFO* info) noexcept {
     State().record("NotifyBitmapChanged", {});
+    NotifyViewChanged(info);
 }
 
 int32_t CopyScaledTile(BM_INFO*, const BM_TILE* src, BM_TILE* dst) noexcept {
@@ -161,17 +163,18 @@ void* BeginProgress(BM_INFO*) noexcept {
     return reinterpret_cast<void*>(g_next_progress++);
 }
 
-void SetProgress(BM_INFO*, void*, int32_t done, int32_t total, const KPX_STRING* caption) noexcept {
+// Goes to the run of the application the image belongs to; for an image the
+// host does not know, to the calling run.
+void SetProgress(BM_INFO* info, void*, int32_t done, int32_t total,
+                 const KPX_STRING* caption) noexcept {
     Host::Impl& h = State();
     if (h.recording_on()) h.record("SetProgress", {done, total}, Text(caption));
-    std::shared_ptr<const Host::ProgressSink> sink;
-    {
-        std::lock_guard lock(h.sinks_mutex);
-        sink = h.progress_sink;
-    }
-    if (!sink) return;
     try {
-        (*sink)(caption ? std::string_view(caption->text) : std::string_view(), done, total);
+        std::shared_ptr<RunControl> control;
+        if (Application::State* app = h.application(info)) control = app->control;
+        if (!control) control = CurrentRun().control;
+        control->progress(caption ? std::string_view(caption->text) : std::string_view(), done,
+                          total);
     } catch (...) {
     }
 }
@@ -180,7 +183,7 @@ void EndProgress(BM_INFO*, void*) noexcept {
     State().record("EndProgress", {});
 }
 
-// True when the user asked to stop, or, for a host thread, once End was
+// True when the calling run was stopped, or, for a host thread, once End was
 // called on it.
 uint8_t TestBreak(BaseThread* thread) noexcept {
     Host::Impl& h = State();
@@ -191,7 +194,7 @@ uint8_t TestBreak(BaseThread* thread) noexcept {
         ++h.break_calls;
         injected = h.faults.break_at && h.break_calls >= h.faults.break_at;
     }
-    return injected || h.break_requested || (thread && ThreadEndRequested(thread));
+    return injected || CurrentRun().control->stopped() || (thread && ThreadEndRequested(thread));
 }
 
 // ---- strings ----
@@ -485,21 +488,21 @@ int64_t Host::live_objects() const {
     return const_cast<Host*>(this)->impl().live_objects;
 }
 
+const std::shared_ptr<RunControl>& Host::control() const {
+    return const_cast<Host*>(this)->impl().control;
+}
 void Host::request_break() {
-    impl().break_requested = true;
-    CancelRunningGroups();
+    control()->stop();
 }
 void Host::clear_break() {
-    impl().break_requested = false;
+    control()->clear();
 }
 bool Host::break_requested() const {
-    return const_cast<Host*>(this)->impl().break_requested;
+    return control()->stopped();
 }
 
 void Host::set_progress_sink(ProgressSink sink) {
-    auto shared = sink ? std::make_shared<const ProgressSink>(std::move(sink)) : nullptr;
-    std::lock_guard lock(impl().sinks_mutex);
-    impl().progress_sink = std::move(shared);
+    control()->set_progress_sink(std::move(sink));
 }
 
 void Host::set_message_sink(MessageSink sink) {

@@ -53,6 +53,41 @@ BufferPool& Buffers();
 using LayerPixels = std::shared_ptr<const PixelBytes>;
 std::shared_ptr<PixelBytes> MakeLayer(PixelBytes&& bytes);
 
+// ---- runs ------------------------------------------------------------------------
+
+// Wakes a dialog waiting for its previews: a host thread ended, or a redraw
+// was asked for. `running` counts the host threads between Start and the end
+// of their main. Each dialog session has one; threads started outside any
+// session share the host's.
+struct Activity {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int running = 0;
+};
+Activity& HostActivity();
+
+// What the calling thread's host calls answer to: set around a filter
+// application, on a dialog session's thread, and inherited by the host
+// threads and job groups started within.
+struct RunContext {
+    std::shared_ptr<RunControl> control;
+    std::shared_ptr<Activity> activity;
+};
+// The thread's run; the host's own control and activity outside any run.
+const RunContext& CurrentRun();
+
+// Sets the thread's run and puts the previous one back.
+class RunScope {
+public:
+    explicit RunScope(RunContext run);
+    ~RunScope();
+    RunScope(const RunScope&) = delete;
+    RunScope& operator=(const RunScope&) = delete;
+
+private:
+    RunContext previous_;
+};
+
 struct Document::Impl {
     ImageFormat format;
     int tile_width = 0;
@@ -60,8 +95,15 @@ struct Document::Impl {
     int columns = 0;  // grid cells across
     int rows = 0;     // grid cells down
     RECT32 area{};
-    LayerPixels content;   // never written while it is content
-    LayerPixels previous;  // the undo step, null when there is none
+    LayerPixels content;            // never written while it is content
+    std::vector<LayerPixels> undo;  // oldest first
+    std::vector<LayerPixels> redo;  // the next redo last
+    std::size_t undo_limit = Document::kDefaultUndoLimit;
+
+    // Makes `layer` an undo step (dropping the redo steps) and keeps the
+    // steps within the limit.
+    void push_undo(LayerPixels layer);
+    void trim_undo();
     Application::State* open = nullptr;
 
     std::size_t pixel_bytes() const { return format.pixel_bytes(); }
@@ -117,6 +159,7 @@ struct Application::State {
     std::vector<Deferred> deferred;
     bool committed = false;
     bool read_only = false;  // a dialog's view of a document: writing tiles are refused
+    std::shared_ptr<RunControl> control;  // tiles are refused once it is stopped
 
     ~State();
 };
@@ -126,7 +169,7 @@ struct Application::State {
 // does not count as the document's open application.
 class DocumentView {
 public:
-    explicit DocumentView(Document& document);
+    DocumentView(Document& document, std::shared_ptr<RunControl> control);
     ~DocumentView();
     DocumentView(const DocumentView&) = delete;
     DocumentView& operator=(const DocumentView&) = delete;
@@ -156,12 +199,10 @@ struct Host::Impl {
     std::set<Application::State*> applications;
     std::map<std::string, std::unique_ptr<KPX_STRINGTABLE>> string_tables;
     std::vector<Registration> registrations;
-    std::mutex sinks_mutex;  // the progress sink is read on every SetProgress
-    std::shared_ptr<const ProgressSink> progress_sink;
     MessageSink message_sink;
     void* client = nullptr;
     void* module_context = nullptr;
-    std::atomic<bool> break_requested{false};
+    std::shared_ptr<RunControl> control = std::make_shared<RunControl>();  // the host's own
     std::atomic<int64_t> live_strings{0};
     std::atomic<int64_t> live_objects{0};  // containers, dialogs, threads, locks, bitmaps
 
@@ -209,9 +250,10 @@ struct JobContext {
     int32_t worker = -1;  // the worker index, -1 off the workers
 };
 const JobContext& CurrentJobContext();
-// Cancels the job groups still running: every one, or those a host thread
-// enqueued.
-void CancelRunningGroups(BaseThread* thread = nullptr);
+// Cancels the job groups still running: those a host thread enqueued, or
+// those of a run.
+void CancelRunningGroups(BaseThread* thread);
+void CancelRunningGroups(const RunControl* control);
 bool SetWorkerCount(int32_t count);  // false while any group exists
 int32_t WorkerCountNow();
 
@@ -221,15 +263,11 @@ BaseThread* CurrentHostThread();
 // Whether End was called on a live host thread since its last Start.
 bool ThreadEndRequested(BaseThread* thread);
 
-// Wakes a dialog waiting for its previews: a host thread ended, or a redraw
-// was asked for. `running` counts the host threads between Start and the end
-// of their main.
-struct Activity {
-    std::mutex mutex;
-    std::condition_variable changed;
-    int running = 0;
-};
-Activity& HostActivity();
+// ---- dialogs (dialog.cpp) ----
+
+// The module wrote an image-view bitmap, or asked for a dialog's image to be
+// shown as it is: the dialog session it belongs to hears of it.
+void NotifyViewChanged(const BM_INFO* info);
 
 // ---- dialog layouts (layout.cpp) ----
 

@@ -44,6 +44,7 @@ struct KPX_JOB_GROUP {
     int32_t result = KPX_OK;
     KPX_SOURCE_LOCATION failure{};
     BaseThread* owner = nullptr;  // the host thread that enqueued it, if any
+    bf::RunContext run;           // the run that enqueued it, which its jobs answer to
 };
 
 struct KPX_JOB_QUEUE {
@@ -144,7 +145,8 @@ public:
             ensure_arena();  // may throw: the group is not enqueued then
             group->enqueued = true;
             group->owner = CurrentHostThread();
-            if (State().break_requested || (group->owner && ThreadEndRequested(group->owner)))
+            group->run = CurrentRun();
+            if (group->run.control->stopped() || (group->owner && ThreadEndRequested(group->owner)))
                 group->cancelled = true;
             cancelled = group->cancelled;
             group->pending = static_cast<int>(group->jobs.size());
@@ -180,11 +182,18 @@ public:
         group->cancelled = true;
     }
 
-    // Cancels the running groups: all of them, or those `thread` enqueued.
+    // Cancels the running groups that `thread` enqueued.
     void cancel_running(BaseThread* thread) {
         std::lock_guard lock(mutex_);
         for (const auto& [group, job] : ready_)
-            if (!thread || group->owner == thread) group->cancelled = true;
+            if (group->owner == thread) group->cancelled = true;
+    }
+
+    // Cancels the running groups of a run.
+    void cancel_running(const RunControl* control) {
+        std::lock_guard lock(mutex_);
+        for (const auto& [group, job] : ready_)
+            if (group->run.control.get() == control) group->cancelled = true;
     }
 
     void free(KPX_JOB_GROUP* group) {
@@ -290,6 +299,7 @@ public:
         int32_t status;
         {
             const ContextScope context({CallSite::GroupJob, index});
+            const RunScope run(group->run);
             status = job->run(job->self, &where);
         }
         lock.lock();
@@ -471,6 +481,10 @@ const JobContext& CurrentJobContext() {
 
 void CancelRunningGroups(BaseThread* thread) {
     Jobs().cancel_running(thread);
+}
+
+void CancelRunningGroups(const RunControl* control) {
+    Jobs().cancel_running(control);
 }
 
 bool SetWorkerCount(int32_t count) {

@@ -5,6 +5,7 @@
 
 #include "kpx_api.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -12,6 +13,7 @@
 #include <initializer_list>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <stdexcept>
@@ -119,7 +121,7 @@ struct Image {
 // A bitmap with a tile grid. Its content is one contiguous buffer that is
 // never written once it is content; applying a filter works on a destination
 // layer that becomes the content only when the filter succeeds, and the
-// previous content is kept as one undo step.
+// previous content is kept as an undo step.
 class Document {
 public:
     static constexpr int kDefaultTile = 128;
@@ -139,8 +141,21 @@ public:
 
     Image image() const;     // a copy of the current content
     ImageView view() const;  // the current content, valid until it changes or the document ends
+
+    // Undo and redo over many steps. Each committed application adds an undo
+    // step and drops the redo steps. The steps kept hold at most
+    // undo_limit() bytes of pixels, the oldest dropped first; the newest undo
+    // step is always kept.
+    static constexpr std::size_t kDefaultUndoLimit = std::size_t(1) << 30;
     bool can_undo() const;
+    bool can_redo() const;
     void undo();
+    void redo();
+    int undo_steps() const;
+    int redo_steps() const;
+    std::size_t undo_limit() const;
+    void set_undo_limit(std::size_t bytes);  // drops steps now when they no longer fit
+    std::size_t undo_bytes() const;          // what the steps kept hold
 
     struct Impl;
     Impl& impl() { return *impl_; }
@@ -154,10 +169,13 @@ private:
 // application began and write to a destination layer. commit() makes the
 // destination the content (one undo step); otherwise the destruction drops
 // it. ApplyFilter uses it; tests use it to call module internals directly.
-// A document has at most one open application (a second throws).
+// A document has at most one open application (a second throws). Its tiles
+// are refused once its run control is stopped; without one given, it answers
+// to the control of the run that opens it (the host's own outside any run).
+class RunControl;
 class Application {
 public:
-    explicit Application(Document& document);
+    explicit Application(Document& document, std::shared_ptr<RunControl> control = nullptr);
     ~Application();  // drops the destination unless committed
     Application(const Application&) = delete;
     Application& operator=(const Application&) = delete;
@@ -210,6 +228,34 @@ struct Registration {
     const BitmapFilterDescriptor* record = nullptr;
 };
 
+// Progress of a run: the caption and how much of the total is done.
+using ProgressSink = std::function<void(std::string_view caption, int done, int total)>;
+
+// What one run of the module answers to: an application, or a dialog with its
+// previews. Whatever the run starts (host threads, job groups) answers to the
+// same control. stop() makes TestBreak answer true within the run, refuses
+// its applications' tiles from then on and cancels its job groups still
+// running; it holds until clear(). SetProgress for the run's images goes to
+// its sink. Stopping one run leaves every other run alone.
+class RunControl {
+public:
+    RunControl() = default;
+    RunControl(const RunControl&) = delete;
+    RunControl& operator=(const RunControl&) = delete;
+
+    void stop();
+    void clear();
+    bool stopped() const { return stopped_.load(std::memory_order_relaxed); }
+
+    void set_progress_sink(ProgressSink sink);
+    void progress(std::string_view caption, int done, int total) const;  // to the sink, if any
+
+private:
+    std::atomic<bool> stopped_{false};
+    mutable std::mutex mutex_;
+    std::shared_ptr<const ProgressSink> sink_;
+};
+
 // The host side of every operation. There is one Host per process (the module
 // keeps the table pointer module-wide); Host::Get() returns it.
 class Host {
@@ -227,15 +273,19 @@ public:
     // Containers, dialogs, threads, locks and preview bitmaps not yet freed.
     int64_t live_objects() const;
 
-    // Break: Ctrl-C sets it; TestBreak answers it, and while it is set every
-    // ObtainTile is refused, so a filter without a thread stops too. It also
-    // cancels the job groups running, and every group enqueued while it holds.
+    // The host's own run control, for runs started without one of their own
+    // (the command line's, the tests'). The break is its stop: Ctrl-C sets it;
+    // TestBreak answers it within those runs, their tiles are refused while it
+    // holds, so a filter without a thread stops too, and their job groups
+    // running or enqueued while it holds are cancelled. Runs with a control of
+    // their own (the editor's) do not see it.
+    const std::shared_ptr<RunControl>& control() const;
     void request_break();
     void clear_break();
     bool break_requested() const;
 
-    // Progress: called with the caption and percent; none by default.
-    using ProgressSink = std::function<void(std::string_view caption, int done, int total)>;
+    // Progress of the host's own runs; none by default.
+    using ProgressSink = bf::ProgressSink;
     void set_progress_sink(ProgressSink sink);
     // Messages the module asked to show (critical stops).
     using MessageSink = std::function<void(std::string_view message)>;
@@ -312,8 +362,10 @@ private:
 
 // PrepareApply, Execute without dialog, FinishApply over the document's area.
 // Status 0 commits the destination layer (one undo step); any other status
-// drops it and leaves the document as it was.
-int32_t ApplyFilter(const BitmapFilterDescriptor& filter, Document& document, Settings& settings);
+// drops it and leaves the document as it was. The run answers to `control`
+// (stop, progress); without one, to the control of the calling run.
+int32_t ApplyFilter(const BitmapFilterDescriptor& filter, Document& document, Settings& settings,
+                    std::shared_ptr<RunControl> control = nullptr);
 
 // The host's own resampling, the rule the module's scaler follows too: per
 // axis, reduction averages whole source boxes, enlargement repeats the
@@ -362,6 +414,66 @@ struct UnknownGadget : std::invalid_argument {
     std::string gadget;  // as the change named it
 };
 
+// A filter's dialog held open for a person: Execute with the dialog flag runs
+// on a thread of the session's own, which is the dialog's thread; every call
+// below hands its work to that thread and waits for it. The module's host
+// threads (its previews) and job groups answer to the session's run control,
+// and the session waits only for its own host threads.
+class DialogSession {
+public:
+    struct Options {
+        // False for a host with no image view of its own (the command line):
+        // the module's image-view preview then has no bitmap to filter.
+        bool image_view = true;
+        // Opening waits until the host threads the module started have ended,
+        // drawing what they asked to redraw.
+        bool wait_for_previews = false;
+        // A user area was drawn: its gadget and the tile as drawn. Called on
+        // the dialog's thread; it must not call back into the session.
+        std::function<void(int32_t gadget, const Image& drawn)> preview_ready;
+        // The image view changed: `filtered` when the module wrote the
+        // image-view bitmap (view_image() has it), false when it asked for
+        // the image to be shown as it is. Called on the module's threads.
+        std::function<void(bool filtered)> view_changed;
+        // Null: the control of the calling run.
+        std::shared_ptr<RunControl> control;
+    };
+
+    // Opens the dialog on the settings, over the document; returns once it
+    // is shown, or once Execute returned without showing one (is_open() is
+    // false then). Throws std::runtime_error when the module could not build
+    // its dialog.
+    DialogSession(const BitmapFilterDescriptor& filter, Document& document, Settings& settings,
+                  Options options);
+    ~DialogSession();  // cancels a dialog still open and waits for Execute
+    DialogSession(const DialogSession&) = delete;
+    DialogSession& operator=(const DialogSession&) = delete;
+
+    bool is_open() const;
+    // The gadgets as they stand; once closed, as they stood when it closed.
+    std::vector<GadgetInfo> gadgets();
+    // Sets the gadget (by name or numeric id) to the value as a person types
+    // it (see GadgetChange), then the module's Command runs. Throws
+    // UnknownGadget, or std::invalid_argument for a value that is not one.
+    void change(const std::string& gadget, const std::string& value);
+    // Draws the redraws asked for; with `wait`, also waits until the host
+    // threads of this dialog have ended, drawing their redraws as they come.
+    void settle(bool wait = true);
+    // The image-view bitmap as the module's preview left it, while it has one.
+    std::optional<Image> view_image() const;
+    // Close the dialog; both return Execute's result (0 confirmed, 1
+    // cancelled, or a status) and wait for it. Closing again returns it again.
+    int32_t confirm();
+    int32_t cancel();
+    const std::shared_ptr<RunControl>& control() const;
+
+    struct State;
+
+private:
+    int32_t close(bool confirm);
+    std::shared_ptr<State> state_;
+};
+
 struct DialogScript {
     std::vector<GadgetChange> changes;  // made in order, each followed by the module's Command
     bool confirm = true;                // else cancel
@@ -377,8 +489,8 @@ struct DialogScript {
     std::function<void(const std::vector<GadgetInfo>&)> observer;
 };
 
-// Runs the filter's dialog headlessly (Execute with the dialog flag) on the
-// settings, over the document: the script's changes, then confirm or cancel.
+// Runs the filter's dialog headlessly (a DialogSession) on the settings, over
+// the document: the script's changes, then confirm or cancel.
 // Returns Execute's result (0 confirmed, 1 cancelled, or a status). `gadgets`,
 // when given, receives the dialog's gadgets as they stood when it closed.
 // Throws std::invalid_argument for an unknown gadget or a value that is not a

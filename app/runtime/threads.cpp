@@ -14,6 +14,7 @@ struct BaseThread {
     std::thread worker;
     std::atomic<bool> end_requested{false};
     std::atomic<bool> running{false};
+    bf::RunContext run;  // the run that started it last, which it answers to
 };
 
 struct KPX_LOCK {
@@ -50,7 +51,7 @@ bool Live(BaseThread* thread) {
 }
 
 void Finished(BaseThread& thread) {
-    Activity& activity = HostActivity();
+    Activity& activity = *thread.run.activity;
     {
         std::lock_guard lock(activity.mutex);
         --activity.running;
@@ -118,7 +119,8 @@ uint8_t ThreadStart(BaseThread* thread) noexcept {
     if (thread->running) return 0;
     if (thread->worker.joinable()) thread->worker.join();
     thread->end_requested = false;
-    Activity& activity = HostActivity();
+    thread->run = CurrentRun();
+    Activity& activity = *thread->run.activity;
     {
         std::lock_guard counting(activity.mutex);
         ++activity.running;
@@ -127,6 +129,7 @@ uint8_t ThreadStart(BaseThread* thread) noexcept {
     try {
         thread->worker = std::thread([thread] {
             t_current = thread;
+            const RunScope run(thread->run);
             thread->main(thread->self, thread);
             Finished(*thread);
         });
@@ -193,11 +196,6 @@ bool ThreadEndRequested(BaseThread* thread) {
 
 BaseThread* CurrentHostThread() {
     return t_current;
-}
-
-Activity& HostActivity() {
-    static Activity* activity = new Activity;  // threads may outlive static destruction
-    return *activity;
 }
 
 }  // namespace bf
