@@ -6,7 +6,8 @@ CMAKE_FLAGS ?=
 
 # Debian packages the build needs.
 PACKAGES := g++ cmake make pkg-config libopenimageio-dev openimageio-tools libtbb-dev libgtest-dev \
-            libgmock-dev libbenchmark-dev nlohmann-json3-dev fonts-dejavu-core
+            libgmock-dev libbenchmark-dev nlohmann-json3-dev fonts-dejavu-core \
+            libcpp-httplib-dev chromium nodejs
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: all deps build test demo bench sanitize tsan format clean
@@ -22,6 +23,12 @@ deps:
 	  $(SUDO) apt-get update -qq && \
 	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
 	fi
+	@# npm comes with some builds of nodejs and conflicts with Debian's npm there.
+	@command -v npm >/dev/null 2>&1 || { $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends npm; }
+	@# The browser tests' packages, as the lockfile pins them; never a browser download.
+	@cd tests/web && { [ node_modules/.package-lock.json -nt package-lock.json ] || \
+	  PLAYWRIGHT_SKIP_BROWSER_DOWNLOAD=1 npm ci --no-audit --no-fund; }
 
 # Configure whenever the generated build is missing, not only the cache: a
 # configure that stopped half way (packages missing, Ctrl-C) leaves a

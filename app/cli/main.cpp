@@ -5,6 +5,7 @@
 #include <span>
 
 #include "commands.hpp"
+#include "editor.hpp"
 #include "errors.hpp"
 #include "options.hpp"
 
@@ -25,6 +26,9 @@ int Run(std::span<const char* const> args) {
         case Command::Apply: return RunApply(options);
         case Command::Describe: return RunDescribe(options);
         case Command::ContactSheet: return RunContactSheet(options);
+        case Command::Edit:
+            return bf::web::RunEditor(
+                {options.input, options.port.value_or(0), !options.no_browser, options.module});
     }
     return kExitUsage;
 }

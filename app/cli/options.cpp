@@ -86,6 +86,14 @@ int ParseColumns(std::string_view text) {
     return columns;
 }
 
+int ParsePort(std::string_view text) {
+    int port = 0;
+    if (!ParseInt(text, port) || port < 0 || port > 65535)
+        Fail("--port wants a number from 0 to 65535 (0: a free port), not '" + std::string(text) +
+             "'");
+    return port;
+}
+
 int ParseThreads(std::string_view text) {
     int threads = 0;
     if (!ParseInt(text, threads) || threads < 1 || threads > kMostThreads)
@@ -107,7 +115,7 @@ bool IsFlag(std::string_view word, std::string_view long_name, std::string_view 
 bool IsValueOption(std::string_view name) {
     for (std::string_view known :
          {"--module", "--preset", "--save-preset", "--area", "--tile", "--type", "--set",
-          "--border", "--columns", "--compression", "--threads"})
+          "--border", "--columns", "--compression", "--threads", "--port"})
         if (name == known) return true;
     return false;
 }
@@ -133,6 +141,8 @@ void SetValueOption(Options& options, std::string_view name, std::string_view va
         options.compression = ParseCompression(value);
     else if (name == "--threads")
         options.threads = ParseThreads(value);
+    else if (name == "--port")
+        options.port = ParsePort(value);
     else
         options.type = ParseType(value);
 }
@@ -162,6 +172,10 @@ std::vector<std::string_view> TakeOptions(std::span<const char* const> words, Op
         }
         if (IsFlag(word, "--json")) {
             options.json = true;
+            continue;
+        }
+        if (IsFlag(word, "--no-browser")) {
+            options.no_browser = true;
             continue;
         }
         // Options with a value: "--name value" or "--name=value".
@@ -194,6 +208,8 @@ void CheckOptionsBelong(const Options& options) {
     if (options.json && options.command != Command::Describe) Fail("--json belongs to describe");
     if (options.columns && options.command != Command::ContactSheet)
         Fail("--columns belongs to contact-sheet");
+    if ((options.port || options.no_browser) && options.command != Command::Edit)
+        Fail("--port and --no-browser belong to edit");
 }
 
 void TakeOperands(Options& options, std::span<const std::string_view> operands) {
@@ -218,6 +234,10 @@ void TakeOperands(Options& options, std::span<const std::string_view> operands) 
                 Fail("contact-sheet wants OUTPUT IMAGE... (see bitmapfilter --help)");
             options.output = operands[0];
             options.images.assign(operands.begin() + 1, operands.end());
+            break;
+        case Command::Edit:
+            if (operands.size() > 1) Fail("edit wants at most one IMAGE (see bitmapfilter --help)");
+            if (!operands.empty()) options.input = operands[0];
             break;
         case Command::Help:
         case Command::Version: break;
@@ -249,9 +269,11 @@ Options ParseOptions(std::span<const char* const> args) {
         options.command = Command::Describe;
     else if (command == "contact-sheet")
         options.command = Command::ContactSheet;
+    else if (command == "edit")
+        options.command = Command::Edit;
     else
         Fail("unknown command '" + std::string(command) +
-             "' (commands: list, apply, describe, contact-sheet)");
+             "' (commands: list, apply, describe, contact-sheet, edit)");
     CheckOptionsBelong(options);
     TakeOperands(options, operands);
     return options;
@@ -272,6 +294,7 @@ std::string UsageText() {
            "       bitmapfilter apply FILTER INPUT OUTPUT [options]\n"
            "       bitmapfilter describe FILTER [--json] [--module PATH]\n"
            "       bitmapfilter contact-sheet OUTPUT IMAGE... [--columns N]\n"
+           "       bitmapfilter edit [IMAGE] [--port N] [--no-browser]\n"
            "       bitmapfilter --help | --version\n"
            "\n"
            "Commands:\n"
@@ -286,6 +309,10 @@ std::string UsageText() {
            "                 settings code and blob size\n"
            "  contact-sheet  one 8-bit RGB picture OUTPUT with a thumbnail of each IMAGE,\n"
            "                 labelled with its file name without extension, in a grid\n"
+           "  edit           the editor in a web browser, served on 127.0.0.1 (port 0 or\n"
+           "                 none: a free one) until Ctrl-C; prints its address with an\n"
+           "                 access token and opens the default browser unless\n"
+           "                 --no-browser\n"
            "\n"
            "Options of apply:\n"
            "  --preset FILE          settings from a saved preset instead of the defaults\n"

@@ -11,7 +11,7 @@
 
 namespace bf::cli {
 
-enum class Command { Help, Version, List, Apply, Describe, ContactSheet };
+enum class Command { Help, Version, List, Apply, Describe, ContactSheet, Edit };
 
 struct TileSize {
     int width = 0;
@@ -44,6 +44,10 @@ struct Options {
     // contact-sheet (with `output`)
     std::vector<std::filesystem::path> images;
     std::optional<int> columns;
+
+    // edit (with `input`, empty for none)
+    std::optional<int> port;  // 0: a free one
+    bool no_browser = false;
 };
 
 // `args` without the program name. Throws CliError (exit status 2) for a
