@@ -77,7 +77,8 @@ test('the sample opens from the command line and from the file picker', async ({
   const copy = path.join(folder, 'picked.png');
   fs.copyFileSync(sample, copy);
   await page.locator('#open-file').setInputFiles(copy);
-  await expect(page.locator('#status')).toContainText('picked.png');
+  // The whole description, not the "Opening" line before it.
+  await expect(page.locator('#status')).toContainText(/picked\.png — \d+ × \d+/);
   expect((await canvasPixels(page)).sum).toBe(shown.sum);
 
   const bad = path.join(folder, 'bad.png');
