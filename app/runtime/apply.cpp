@@ -86,7 +86,8 @@ int32_t ApplyFilter(const BitmapFilterDescriptor& filter, Document& document, Se
     int32_t status = filter.Execute(ctx, info, settings.get(), 0);
     const int32_t finished = filter.FinishApply(ctx, info, settings.get());
     if (status == KPX_OK) status = finished;
-    if (status == KPX_OK) application.commit();
+    // A run stopped meanwhile keeps nothing, whatever the filter reported.
+    if (status == KPX_OK && !control->stopped()) application.commit();
     return status;
 }
 

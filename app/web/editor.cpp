@@ -10,9 +10,13 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -102,6 +106,13 @@ void SendJson(httplib::Response& response, const json& body) {
     response.set_content(body.dump(), "application/json");
 }
 
+void SendRgba(httplib::Response& response, std::string&& pixels, int width, int height) {
+    response.set_header("X-Width", std::to_string(width));
+    response.set_header("X-Height", std::to_string(height));
+    response.set_header("Cache-Control", "no-store");
+    response.set_content(std::move(pixels), "application/octet-stream");
+}
+
 // The default browser, when the machine has a desktop to show it on.
 void OpenBrowser(const std::string& url) {
     if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY")) return;
@@ -116,11 +127,97 @@ void OpenBrowser(const std::string& url) {
     posix_spawn_file_actions_destroy(&actions);
 }
 
+// ---- events for the page ---------------------------------------------------------
+
+// What the page hears without asking (server-sent events): a preview was
+// drawn, the image view changed, progress, an application ended. Each has a
+// number; a listener gets every event after the last one it saw, and at most
+// the newest kKept of them.
+class Events {
+public:
+    static constexpr std::size_t kKept = 256;
+
+    void post(const std::string& name, const json& data) {
+        {
+            std::lock_guard lock(mutex_);
+            ++last_;
+            kept_.push_back({last_, "event: " + name + "\ndata: " + data.dump() + "\n\n"});
+            if (kept_.size() > kKept) kept_.pop_front();
+        }
+        changed_.notify_all();
+    }
+
+    uint64_t last() {
+        std::lock_guard lock(mutex_);
+        return last_;
+    }
+
+    // The events after `seen`, waiting up to `patience` for one; empty when
+    // none came or the server is stopping.
+    std::string after(uint64_t& seen, std::chrono::milliseconds patience) {
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, patience, [&] { return last_ > seen || stopping_; });
+        std::string out;
+        for (const auto& [number, text] : kept_)
+            if (number > seen) out += text;
+        seen = last_;
+        return out;
+    }
+
+    void stop() {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        changed_.notify_all();
+    }
+    bool stopping() {
+        std::lock_guard lock(mutex_);
+        return stopping_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    uint64_t last_ = 0;
+    bool stopping_ = false;
+    std::deque<std::pair<uint64_t, std::string>> kept_;
+};
+
+json GadgetJson(const GadgetInfo& gadget) {
+    json item = {
+        {"id", gadget.id}, {"name", gadget.name}, {"kind", gadget.kind}, {"label", gadget.label}};
+    if (gadget.has_value) {
+        const TypedRange range = TypedRangeOf(gadget);
+        item["min"] = RoundedTyped(range.min);
+        item["max"] = RoundedTyped(range.max);
+        item["step"] = RoundedTyped(range.step);
+        item["unit"] = Unit(gadget);
+        item["value"] = RoundedTyped(TypedValue(gadget, gadget.value));
+    }
+    if (gadget.kind == "choice") item["choices"] = gadget.choices;
+    return item;
+}
+
 // ---- the editor's state --------------------------------------------------------
 
+// One document, at most one open dialog on it, at most one application
+// running. While either is there, the document does not change otherwise.
 class Editor {
 public:
     explicit Editor(std::unique_ptr<Module> module) : module_(std::move(module)) {}
+    ~Editor() {
+        close_dialog(false);
+        std::thread job;
+        {
+            std::lock_guard lock(mutex_);
+            if (job_control_) job_control_->stop();
+            job = std::move(job_);
+        }
+        if (job.joinable()) job.join();
+    }
+
+    Events& events() { return events_; }
 
     void open_file(const std::filesystem::path& file, const std::string& name) {
         cli::FileOrigin origin;
@@ -134,6 +231,7 @@ public:
             throw CliError(error.status(), message);
         }
         std::lock_guard lock(mutex_);
+        check_idle();
         document_ = std::make_unique<Document>(std::move(image));
         origin_ = origin;
         name_ = name;
@@ -151,7 +249,10 @@ public:
                   {"alpha", f.alpha},
                   {"type", ComponentTypeName(f.type)}}},
                 {"undo", document_->undo_steps()},
-                {"redo", document_->redo_steps()}};
+                {"redo", document_->redo_steps()},
+                {"busy", applying_},
+                {"dialog", dialog_ ? json(dialog_->key->key) : json(nullptr)},
+                {"last", last_ ? json(last_->key->key) : json(nullptr)}};
     }
 
     json filters() const {
@@ -174,26 +275,118 @@ public:
     bool display(std::string& out, int& width, int& height) {
         std::lock_guard lock(mutex_);
         if (!document_) return false;
-        const ImageView view = document_->view();
-        width = view.format.width;
-        height = view.format.height;
-        out = DisplayRgba(view);
+        const ImageView content = document_->view();
+        width = content.format.width;
+        height = content.format.height;
+        out = DisplayRgba(content);
         return true;
     }
 
-    // Default settings, no dialog: for filters without one.
-    int32_t apply_defaults(const FilterKey& key) {
+    // ---- dialogs ----
+
+    // Opens the filter's dialog on its last settings (defaults the first
+    // time), or applies at once a filter without a dialog.
+    json open_dialog(const FilterKey& key) {
         const BitmapFilterDescriptor& record = record_of(key);
-        std::optional<Settings> settings = Settings::Defaults(record);
-        if (!settings)
-            throw std::invalid_argument("filter " + std::string(key.key) + " is not available");
         std::lock_guard lock(mutex_);
+        check_idle();
         if (!document_) throw std::invalid_argument("no image is open");
-        return ApplyFilter(record, *document_, *settings, std::make_shared<RunControl>());
+        auto dialog = std::make_unique<OpenDialog>();
+        dialog->key = &key;
+        dialog->record = &record;
+        dialog->settings = settings_for(key, record);
+        if (!HasDialog(key)) {
+            start_apply(std::move(dialog));
+            return {{"applying", true}};
+        }
+        DialogSession::Options options;
+        options.preview_ready = [this](int32_t gadget, const Image& drawn) {
+            {
+                std::lock_guard previews(previews_mutex_);
+                previews_[gadget] = drawn;
+            }
+            events_.post("preview", {{"gadget", gadget}});
+        };
+        options.view_changed = [this](bool filtered) {
+            events_.post("view", {{"filtered", filtered}});
+        };
+        options.control = std::make_shared<RunControl>();
+        {
+            std::lock_guard previews(previews_mutex_);
+            previews_.clear();
+        }
+        dialog->session = std::make_unique<DialogSession>(record, *document_, *dialog->settings,
+                                                          std::move(options));
+        if (!dialog->session->is_open()) throw std::runtime_error("the filter showed no dialog");
+        json out = {{"filter", key.key}, {"gadgets", gadgets_json(*dialog->session)}};
+        dialog_ = std::move(dialog);
+        return out;
+    }
+
+    json change(const std::string& gadget, const std::string& value) {
+        std::lock_guard lock(mutex_);
+        if (!dialog_) throw std::logic_error("no dialog is open");
+        dialog_->session->change(gadget, value);
+        return {{"gadgets", gadgets_json(*dialog_->session)}};
+    }
+
+    // Confirming applies the filter with the dialog's settings.
+    json close_dialog(bool confirm) {
+        std::lock_guard lock(mutex_);
+        if (!dialog_) return {{"closed", false}};
+        std::unique_ptr<OpenDialog> dialog = std::move(dialog_);
+        const int32_t result = confirm ? dialog->session->confirm() : dialog->session->cancel();
+        dialog->session.reset();
+        if (result != 0) return {{"closed", true}, {"applying", false}};
+        start_apply(std::move(dialog));
+        return {{"closed", true}, {"applying", true}};
+    }
+
+    // The latest tile the dialog's user area drew, as 8-bit RGBA.
+    bool preview(int32_t gadget, std::string& out, int& width, int& height) {
+        std::lock_guard previews(previews_mutex_);
+        const auto found = previews_.find(gadget);
+        if (found == previews_.end()) return false;
+        width = found->second.format.width;
+        height = found->second.format.height;
+        out = DisplayRgba(found->second.view());
+        return true;
+    }
+
+    // The image view as the dialog's preview filtered it.
+    bool view(std::string& out, int& width, int& height) {
+        std::lock_guard lock(mutex_);
+        if (!dialog_) return false;
+        const std::optional<Image> image = dialog_->session->view_image();
+        if (!image) return false;
+        width = image->format.width;
+        height = image->format.height;
+        out = DisplayRgba(image->view());
+        return true;
+    }
+
+    // The last filter again with its settings, without a dialog.
+    json repeat() {
+        std::lock_guard lock(mutex_);
+        check_idle();
+        if (!document_) throw std::invalid_argument("no image is open");
+        if (!last_) throw std::invalid_argument("no filter was applied yet");
+        auto again = std::make_unique<OpenDialog>();
+        again->key = last_->key;
+        again->record = last_->record;
+        again->settings = settings_for(*last_->key, *last_->record);
+        start_apply(std::move(again));
+        return {{"applying", true}};
+    }
+
+    void stop() {
+        std::lock_guard lock(mutex_);
+        if (job_control_) job_control_->stop();
     }
 
     bool step(bool undo) {
         std::lock_guard lock(mutex_);
+        check_idle();
         if (!document_) return false;
         if (undo ? !document_->can_undo() : !document_->can_redo()) return false;
         undo ? document_->undo() : document_->redo();
@@ -202,12 +395,81 @@ public:
 
     void save(const std::filesystem::path& file) {
         std::lock_guard lock(mutex_);
+        if (applying_) throw std::logic_error("a filter is being applied");
         if (!document_) throw std::invalid_argument("no image is open");
         cli::CheckWritable(file, document_->format());
         cli::WriteImage(file, document_->view(), cli::WriteSettings{"", origin_});
     }
 
 private:
+    struct OpenDialog {
+        const FilterKey* key = nullptr;
+        const BitmapFilterDescriptor* record = nullptr;
+        std::unique_ptr<Settings> settings;
+        std::unique_ptr<DialogSession> session;
+    };
+
+    // Caller holds the mutex.
+    void check_idle() const {
+        if (applying_) throw std::logic_error("a filter is being applied");
+        if (dialog_) throw std::logic_error("a filter's dialog is open");
+    }
+
+    // The settings the filter was last used with, else its defaults.
+    std::unique_ptr<Settings> settings_for(const FilterKey& key,
+                                           const BitmapFilterDescriptor& record) {
+        std::optional<Settings> settings;
+        if (auto used = used_.find(std::string(key.key)); used != used_.end())
+            settings = Settings::FromBlob(record, used->second);
+        if (!settings) settings = Settings::Defaults(record);
+        if (!settings)
+            throw std::invalid_argument("filter " + std::string(key.key) + " is not available");
+        return std::make_unique<Settings>(std::move(*settings));
+    }
+
+    // Applies on a thread of its own, with progress and Stop; the page hears
+    // "progress" and then "applied". A stopped or failed application leaves
+    // the image as it was (caller holds the mutex).
+    void start_apply(std::unique_ptr<OpenDialog> work) {
+        if (job_.joinable()) job_.join();
+        applying_ = true;
+        job_control_ = std::make_shared<RunControl>();
+        job_control_->set_progress_sink([this](std::string_view caption, int done, int total) {
+            events_.post("progress", {{"caption", caption}, {"done", done}, {"total", total}});
+        });
+        used_[std::string(work->key->key)] = work->settings->to_blob();
+        std::shared_ptr<OpenDialog> shared = std::move(work);
+        job_ = std::thread([this, shared, control = job_control_] {
+            int32_t status = KPX_STOPPED;
+            std::string failure;
+            try {
+                status = ApplyFilter(*shared->record, *document_, *shared->settings, control);
+            } catch (const std::exception& error) {
+                failure = error.what();
+            }
+            const bool stopped = control->stopped();
+            json done = {{"filter", shared->key->key}, {"status", status}, {"stopped", stopped}};
+            if (!failure.empty())
+                done["error"] = failure;
+            else if (stopped)
+                done["error"] = "stopped; the image is as it was";
+            else if (status != KPX_OK)
+                done["error"] = std::string(DescribeStatus(status)) + "; the image is as it was";
+            {
+                std::lock_guard lock(mutex_);
+                applying_ = false;
+                if (!done.contains("error")) last_ = shared;
+            }
+            events_.post("applied", done);
+        });
+    }
+
+    json gadgets_json(DialogSession& session) {
+        json list = json::array();
+        for (const GadgetInfo& gadget : session.gadgets()) list.push_back(GadgetJson(gadget));
+        return list;
+    }
+
     const BitmapFilterDescriptor& record_of(const FilterKey& key) const {
         const Registration* registration = module_->find(key.plugin_id);
         if (!registration || !registration->record)
@@ -216,10 +478,19 @@ private:
     }
 
     std::unique_ptr<Module> module_;
+    Events events_;
     std::mutex mutex_;
     std::unique_ptr<Document> document_;
     cli::FileOrigin origin_;
     std::string name_;
+    std::unique_ptr<OpenDialog> dialog_;
+    std::shared_ptr<OpenDialog> last_;                    // the last filter applied, for repeat
+    std::map<std::string, std::vector<std::byte>> used_;  // settings blobs by filter key
+    bool applying_ = false;
+    std::shared_ptr<RunControl> job_control_;
+    std::thread job_;
+    std::mutex previews_mutex_;
+    std::map<int32_t, Image> previews_;
 };
 
 // Runs a handler, turning what it throws into an error response.
@@ -232,6 +503,8 @@ httplib::Server::Handler Guarded(F handler) {
             SendError(response, 400, error.what());
         } catch (const std::invalid_argument& error) {
             SendError(response, 400, error.what());
+        } catch (const std::logic_error& error) {
+            SendError(response, 409, error.what());
         } catch (const std::bad_alloc&) {
             SendError(response, 507, "out of memory");
         } catch (const std::exception& error) {
@@ -285,9 +558,7 @@ void Routes(httplib::Server& server, Editor& editor, const std::string& token) {
                    int width = 0, height = 0;
                    if (!editor.display(pixels, width, height))
                        return SendError(r, 404, "no image is open");
-                   r.set_header("X-Width", std::to_string(width));
-                   r.set_header("X-Height", std::to_string(height));
-                   r.set_content(std::move(pixels), "application/octet-stream");
+                   SendRgba(r, std::move(pixels), width, height);
                }));
     // The file's bytes; ?name= gives its name, whose extension says its format.
     server.Post("/api/open",
@@ -322,18 +593,60 @@ void Routes(httplib::Server& server, Editor& editor, const std::string& token) {
                     editor.save(file);
                     SendJson(r, {{"saved", file.string()}});
                 }));
-    server.Post(
-        "/api/apply", Guarded([&editor](const httplib::Request& request, httplib::Response& r) {
-            const std::string key = StringField(Body(request), "filter");
-            const FilterKey* filter = FindFilter(key);
-            if (!filter) throw std::invalid_argument("unknown filter '" + key + "'");
-            const int32_t status = editor.apply_defaults(*filter);
-            if (status != KPX_OK)
-                return SendError(r, 409,
-                                 "the filter stopped: " + std::string(DescribeStatus(status)) +
-                                     "; the image is as it was");
-            SendJson(r, editor.state());
-        }));
+    // Opens the filter's dialog; a filter without one applies at once.
+    server.Post("/api/filter",
+                Guarded([&editor](const httplib::Request& request, httplib::Response& r) {
+                    const std::string key = StringField(Body(request), "filter");
+                    const FilterKey* filter = FindFilter(key);
+                    if (!filter) throw std::invalid_argument("unknown filter '" + key + "'");
+                    SendJson(r, editor.open_dialog(*filter));
+                }));
+    server.Post("/api/dialog/change",
+                Guarded([&editor](const httplib::Request& request, httplib::Response& r) {
+                    const json body = Body(request);
+                    SendJson(
+                        r, editor.change(StringField(body, "gadget"), StringField(body, "value")));
+                }));
+    for (const bool confirm : {true, false})
+        server.Post(confirm ? "/api/dialog/confirm" : "/api/dialog/cancel",
+                    Guarded([&editor, confirm](const httplib::Request&, httplib::Response& r) {
+                        SendJson(r, editor.close_dialog(confirm));
+                    }));
+    server.Get(R"(/api/dialog/preview/(\d{1,9}))",
+               Guarded([&editor](const httplib::Request& request, httplib::Response& r) {
+                   std::string pixels;
+                   int width = 0, height = 0;
+                   if (!editor.preview(std::stoi(request.matches[1].str()), pixels, width, height))
+                       return SendError(r, 404, "nothing drawn yet");
+                   SendRgba(r, std::move(pixels), width, height);
+               }));
+    server.Get("/api/dialog/view",
+               Guarded([&editor](const httplib::Request&, httplib::Response& r) {
+                   std::string pixels;
+                   int width = 0, height = 0;
+                   if (!editor.view(pixels, width, height))
+                       return SendError(r, 404, "no filtered view");
+                   SendRgba(r, std::move(pixels), width, height);
+               }));
+    server.Post("/api/repeat", Guarded([&editor](const httplib::Request&, httplib::Response& r) {
+                    SendJson(r, editor.repeat());
+                }));
+    server.Post("/api/stop", Guarded([&editor](const httplib::Request&, httplib::Response& r) {
+                    editor.stop();
+                    SendJson(r, {{"stopping", true}});
+                }));
+    // Server-sent events: a listener gets what happens from now on.
+    server.Get("/api/events", [&editor](const httplib::Request&, httplib::Response& r) {
+        r.set_header("Cache-Control", "no-store");
+        auto seen = std::make_shared<uint64_t>(editor.events().last());
+        r.set_chunked_content_provider(
+            "text/event-stream", [&editor, seen](std::size_t, httplib::DataSink& sink) {
+                if (editor.events().stopping()) return false;
+                std::string text = editor.events().after(*seen, std::chrono::seconds(1));
+                if (text.empty()) text = ": idle\n\n";
+                return sink.write(text.data(), text.size());
+            });
+    });
     for (const bool undo : {true, false})
         server.Post(undo ? "/api/undo" : "/api/redo",
                     Guarded([&editor, undo](const httplib::Request&, httplib::Response& r) {
@@ -403,12 +716,14 @@ int RunEditor(const EditorOptions& options) {
     std::fflush(stdout);
     if (options.open_browser) OpenBrowser(url);
 
-    std::thread stopper([&server, stops] {
+    std::thread stopper([&server, &editor, stops] {
         int signal = 0;
         sigwait(&stops, &signal);
+        editor.events().stop();  // the event streams end, so the server can
         server.stop();
     });
     const bool served = server.listen_after_bind();
+    editor.events().stop();
     // Listening may also end on its own: wake the stopper with a signal of ours.
     pthread_kill(stopper.native_handle(), SIGTERM);
     stopper.join();

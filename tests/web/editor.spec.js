@@ -127,3 +127,115 @@ test('saving writes the file the command line writes, and undo restores the pixe
   await page.locator('#undo').click();
   await expect(page.locator('#undo')).toBeDisabled();
 });
+
+// Opens a filter's dialog from the menu with its preview shown or not.
+async function openDialog(page, key, shown = true) {
+  await page.locator('#filters-button').click();
+  await page.locator(`button[data-filter="${key}"]`).click();
+  const dialog = page.locator('#filter-dialog');
+  await expect(dialog).toBeVisible();
+  await expect(dialog).toHaveAttribute('data-filter', key);
+  const preview = dialog.locator('input[name="preview"]');
+  if ((await preview.isChecked()) !== shown) {
+    await preview.setChecked(shown);
+    await expect(dialog).toHaveAttribute('data-changes', '1');
+  }
+  return dialog;
+}
+
+function revision(locator) {
+  return locator.evaluate((element) => Number(element.dataset.revision || 0));
+}
+
+async function setField(dialog, name, value) {
+  const field = dialog.locator(`input[type="number"][name="${name}"]`);
+  const changes = Number(await dialog.getAttribute('data-changes'));
+  await field.fill(String(value));
+  await field.dispatchEvent('change');
+  await expect(dialog).toHaveAttribute('data-changes', String(changes + 1));
+}
+
+async function appliedCount(page) {
+  return Number((await page.locator('body').getAttribute('data-applied')) || 0);
+}
+
+// The same settings as `--set` gives them, applied through the dialog: both
+// previews follow the change, and the file saved is the command line's.
+for (const [key, name, value] of [['gamma', 'gamma', 2.2], ['gauss', 'radius_x', 6], ['whirl', 'angle', 240]]) {
+  test(`${key}: the dialog previews a change and applies what the command line applies`, async ({ page }) => {
+    await openEditor(page);
+    const dialog = await openDialog(page, key);
+    const area = dialog.locator('canvas.preview');
+    await expect.poll(() => revision(area)).toBeGreaterThan(0);
+    const previewBefore = await revision(area);
+    const viewBefore = await revision(page.locator('#canvas'));
+    await setField(dialog, name, value);
+    await expect.poll(() => revision(area)).toBeGreaterThan(previewBefore);
+    await expect.poll(() => revision(page.locator('#canvas'))).toBeGreaterThan(viewBefore);
+    await expect(page.locator('#canvas')).toHaveAttribute('data-shows', 'preview');
+
+    const applied = await appliedCount(page);
+    await dialog.locator('#dialog-ok').click();
+    await expect.poll(() => appliedCount(page)).toBe(applied + 1);
+    await expect(page.locator('#status')).not.toHaveClass(/error/);
+    const saved = path.join(folder, `${key}.png`);
+    const response = await page.evaluate(async (file) => (await fetch('/api/save', {
+      method: 'POST', body: JSON.stringify({ path: file }) })).status, saved);
+    expect(response).toBe(200);
+    const expected = path.join(folder, `${key}-cli.png`);
+    execFileSync(program, ['apply', key, sample, expected, '--set', `${name}=${value}`, '--quiet']);
+    expect(fs.readFileSync(saved).equals(fs.readFileSync(expected))).toBe(true);
+    await page.locator('#undo').click();
+    await expect(page.locator('#undo')).toBeDisabled();
+  });
+}
+
+test('Cancel and Escape leave the image as it was', async ({ page }) => {
+  await openEditor(page);
+  const before = await canvasPixels(page);
+  let dialog = await openDialog(page, 'hsl');
+  await setField(dialog, 'hue', 120);
+  await dialog.locator('#dialog-cancel').click();
+  await expect(dialog).toBeHidden();
+  await expect(page.locator('#canvas')).toHaveAttribute('data-shows', 'image');
+  expect((await canvasPixels(page)).sum).toBe(before.sum);
+  await expect(page.locator('#undo')).toBeDisabled();
+
+  dialog = await openDialog(page, 'hsl');
+  await page.keyboard.press('Escape');
+  await expect(dialog).toBeHidden();
+  await expect(page.locator('#undo')).toBeDisabled();
+});
+
+// A picture large enough that a long blur is still running when Stop comes.
+function writeLargePpm(file, width, height) {
+  const header = Buffer.from(`P6\n${width} ${height}\n255\n`);
+  const pixels = Buffer.alloc(width * height * 3);
+  let seed = 12345;
+  for (let i = 0; i < pixels.length; ++i) {
+    seed = (seed * 1103515245 + 12345) >>> 0;
+    pixels[i] = seed >>> 24;
+  }
+  fs.writeFileSync(file, Buffer.concat([header, pixels]));
+}
+
+test('Stop during a long filter leaves the image as it was, with no undo step', async ({ page }) => {
+  test.setTimeout(90_000);
+  await openEditor(page);
+  const large = path.join(folder, 'large.ppm');
+  writeLargePpm(large, 3000, 2000);
+  await page.locator('#open-file').setInputFiles(large);
+  await expect(page.locator('#status')).toContainText('large.ppm');
+  const before = await canvasPixels(page);
+  const dialog = await openDialog(page, 'motionblur', false);
+  await setField(dialog, 'length', 100);
+  const applied = await appliedCount(page);
+  await dialog.locator('#dialog-ok').click();
+  // Closing waits for the module's last image-view run, a whole run here.
+  await expect(page.locator('#progress')).toBeVisible({ timeout: 30_000 });
+  await page.locator('#stop').click();
+  await expect.poll(() => appliedCount(page), { timeout: 20_000 }).toBe(applied + 1);
+  await expect(page.locator('#status')).toContainText('stopped');
+  expect((await canvasPixels(page)).sum).toBe(before.sum);
+  await expect(page.locator('#undo')).toBeDisabled();
+});
