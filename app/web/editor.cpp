@@ -204,6 +204,8 @@ json GadgetJson(const GadgetInfo& gadget) {
 // One document, at most one open dialog on it, at most one application
 // running. While either is there, the document does not change otherwise.
 class Editor {
+    struct OpenDialog;
+
 public:
     explicit Editor(std::unique_ptr<Module> module) : module_(std::move(module)) {}
     ~Editor() {
@@ -299,6 +301,24 @@ public:
             start_apply(std::move(dialog));
             return {{"applying", true}};
         }
+        return show(std::move(dialog));
+    }
+
+    // "Reset to defaults": the dialog again, on the filter's defaults.
+    json reset_dialog() {
+        std::lock_guard lock(mutex_);
+        if (!dialog_) throw std::logic_error("no dialog is open");
+        std::unique_ptr<OpenDialog> dialog = std::move(dialog_);
+        dialog->session->cancel();
+        dialog->session.reset();
+        std::optional<Settings> defaults = Settings::Defaults(*dialog->record);
+        if (!defaults) throw std::runtime_error("the filter has no default settings");
+        dialog->settings = std::make_unique<Settings>(std::move(*defaults));
+        return show(std::move(dialog));
+    }
+
+    // Opens the dialog's session (caller holds the mutex).
+    json show(std::unique_ptr<OpenDialog> dialog) {
         DialogSession::Options options;
         options.preview_ready = [this](int32_t gadget, const Image& drawn) {
             {
@@ -315,10 +335,10 @@ public:
             std::lock_guard previews(previews_mutex_);
             previews_.clear();
         }
-        dialog->session = std::make_unique<DialogSession>(record, *document_, *dialog->settings,
-                                                          std::move(options));
+        dialog->session = std::make_unique<DialogSession>(*dialog->record, *document_,
+                                                          *dialog->settings, std::move(options));
         if (!dialog->session->is_open()) throw std::runtime_error("the filter showed no dialog");
-        json out = {{"filter", key.key}, {"gadgets", gadgets_json(*dialog->session)}};
+        json out = {{"filter", dialog->key->key}, {"gadgets", gadgets_json(*dialog->session)}};
         dialog_ = std::move(dialog);
         return out;
     }
@@ -607,6 +627,10 @@ void Routes(httplib::Server& server, Editor& editor, const std::string& token) {
                     SendJson(
                         r, editor.change(StringField(body, "gadget"), StringField(body, "value")));
                 }));
+    server.Post("/api/dialog/reset",
+                Guarded([&editor](const httplib::Request&, httplib::Response& r) {
+                    SendJson(r, editor.reset_dialog());
+                }));
     for (const bool confirm : {true, false})
         server.Post(confirm ? "/api/dialog/confirm" : "/api/dialog/cancel",
                     Guarded([&editor, confirm](const httplib::Request&, httplib::Response& r) {
@@ -669,6 +693,8 @@ int RunEditor(const EditorOptions& options) {
     if (!module)
         throw CliError(cli::kExitUsage,
                        "cannot load the filter module " + module_file.string() + ": " + error);
+    // The shared preferences (preview shown, border wraps) last between runs.
+    SetPreferencesFile(DefaultPreferencesFile());
     Editor editor(std::move(module));
     if (!options.image.empty()) editor.open_file(options.image, options.image.filename().string());
 

@@ -11,9 +11,10 @@ const program = process.env.BITMAPFILTER || path.resolve(__dirname, '../../build
 const sample = path.resolve(__dirname, '../../examples/sample.png');
 
 // Starts `bitmapfilter edit` on a free port and reads the address it prints.
-function startEditor(args) {
+function startEditor(args, config) {
   const child = spawn(program, ['edit', ...args, '--port', '0', '--no-browser'],
-                      { stdio: ['ignore', 'pipe', 'inherit'] });
+                      { stdio: ['ignore', 'pipe', 'inherit'],
+                        env: { ...process.env, XDG_CONFIG_HOME: config } });
   return new Promise((resolve, reject) => {
     let printed = '';
     child.stdout.on('data', (chunk) => {
@@ -39,7 +40,7 @@ let editor;
 let folder;
 test.beforeAll(async () => {
   folder = fs.mkdtempSync(path.join(os.tmpdir(), 'bf-editor-'));
-  editor = await startEditor([sample]);
+  editor = await startEditor([sample], path.join(folder, 'config'));
 });
 test.afterAll(async () => {
   if (editor) {
@@ -190,7 +191,7 @@ for (const [key, name, value] of [['gamma', 'gamma', 2.2], ['gauss', 'radius_x',
   });
 }
 
-test('Cancel and Escape leave the image as it was', async ({ page }) => {
+test('Cancel and Escape leave the image as it was; Reset gives the defaults', async ({ page }) => {
   await openEditor(page);
   const before = await canvasPixels(page);
   let dialog = await openDialog(page, 'hsl');
@@ -202,6 +203,9 @@ test('Cancel and Escape leave the image as it was', async ({ page }) => {
   await expect(page.locator('#undo')).toBeDisabled();
 
   dialog = await openDialog(page, 'hsl');
+  await setField(dialog, 'hue', 60);
+  await dialog.locator('#dialog-reset').click();
+  await expect(dialog.locator('input[type="number"][name="hue"]')).toHaveValue('0');
   await page.keyboard.press('Escape');
   await expect(dialog).toBeHidden();
   await expect(page.locator('#undo')).toBeDisabled();

@@ -420,6 +420,19 @@ async function closeDialog(confirm) {
 }
 
 $('dialog-ok').addEventListener('click', () => closeDialog(true));
+$('dialog-reset').addEventListener('click', async () => {
+  if (!state.dialog) return;
+  await changes;
+  try {
+    const response = await api('/api/dialog/reset', { method: 'POST' });
+    state.dialog.gadgets = (await response.json()).gadgets;
+    renderGadgets(state.dialog.gadgets);
+    dialogPanel.dataset.changes = String(Number(dialogPanel.dataset.changes || 0) + 1);
+    for (const area of $('gadgets').querySelectorAll('canvas.preview')) showPreview(Number(area.dataset.gadgetId));
+  } catch (error) {
+    showStatus(`Reset: ${error.message}`, true);
+  }
+});
 $('dialog-cancel').addEventListener('click', () => closeDialog(false));
 dialogPanel.addEventListener('keydown', (event) => {
   if (event.key === 'Escape') {
